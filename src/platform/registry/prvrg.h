@@ -77,8 +77,8 @@ int prvrg_delete_key(prvrg_ctx* ctx, prvrg_key* key, int recursive);
 int prvrg_move_key(prvrg_ctx* ctx, prvrg_key* key, prvrg_key* new_parent, const char* name,
                    prvrg_key** moved, int flags);
 // The next direct subkey's name (not the full name), in name order; PRVRG_ERR_NO_MORE at the
-// end. *index is the caller's cursor, 0 to start. *remaining, if not null, counts the rest.
-int prvrg_enum_subkey(prvrg_ctx* ctx, prvrg_key* key, ub4* index, char* name, std::size_t* length,
+// end. The open key keeps the cursor. *remaining, if not null, counts the subkeys still to come.
+int prvrg_enum_subkey(prvrg_ctx* ctx, prvrg_key* key, char* name, std::size_t* length,
                       ub4* remaining);
 
 // Values. A text value is returned with its terminator; *length is the buffer's size on entry and
