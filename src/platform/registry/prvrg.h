@@ -63,26 +63,33 @@ const char* prvrg_store_path();
 int prvrg_init_ext(prvrg_ctx** ctx, int level, char* errbuf, std::size_t* errlen, int flags);
 int prvrg_terminate(prvrg_ctx* ctx);
 
-// Keys. A full name is dot-separated from the root; no key is ever created by opening.
+// Keys. A full name is dot-separated from the root; no key is ever created by opening. The empty
+// name opens the root itself, which holds no value, to enumerate the top-level keys.
+// A key handle belongs to its context: prvrg_terminate closes the ones still open.
 int prvrg_open_key(prvrg_ctx* ctx, prvrg_key** key, const char* fullname);
 int prvrg_close_key(prvrg_ctx* ctx, prvrg_key* key);
-// Creates `name` below `parent` (null: at the root). *created tells whether it was new.
+// Creates `name` below `parent` (null: at the root). *created tells whether it was new. A dotted
+// `name` creates the missing keys between, with the same security; an existing key is kept as is.
 int prvrg_create_key(prvrg_ctx* ctx, prvrg_key* parent, const char* name, prvrg_key** key,
                      int* created, prvrg_security security);
 int prvrg_create_n_set_key(prvrg_ctx* ctx, prvrg_key* parent, const char* name, prvrg_key** key,
                            int* created, int dtype, const void* value, std::size_t length,
                            prvrg_security security);
-// Deletes the key and (with recursive 1) everything below it.
+// Deletes the key and (with recursive 1) everything below it. The handle stays open (and answers
+// PRVRG_ERR_NO_KEY) until it is closed.
 int prvrg_delete_key(prvrg_ctx* ctx, prvrg_key* key, int recursive);
+// Moves the key and its subtree to `name` below `new_parent` (null: the root). The target must not
+// exist and its parent must. `key` follows the move; *moved, if asked for, is a new handle on it.
 int prvrg_move_key(prvrg_ctx* ctx, prvrg_key* key, prvrg_key* new_parent, const char* name,
                    prvrg_key** moved, int flags);
 // The next direct subkey's name (not the full name), in name order; PRVRG_ERR_NO_MORE at the
 // end. The open key keeps the cursor. *remaining, if not null, counts the subkeys still to come.
+// *length is the buffer's size on entry and the name's size with its terminator on return.
 int prvrg_enum_subkey(prvrg_ctx* ctx, prvrg_key* key, char* name, std::size_t* length,
                       ub4* remaining);
 
 // Values. A text value is returned with its terminator; *length is the buffer's size on entry and
-// the value's size on return.
+// the value's size on return. A key that holds no value answers PRVRG_ERR_NO_KEY.
 int prvrg_get_value(prvrg_ctx* ctx, prvrg_key* key, int* dtype, void* buffer, std::size_t* length);
 int prvrg_set_value(prvrg_ctx* ctx, prvrg_key* key, int dtype, const void* value,
                     std::size_t length);
