@@ -32,4 +32,9 @@ enum { CLSGENV_LEVEL_REBOOT = 2, CLSGENV_LEVEL_DEFAULT = 3 };
 // Milliseconds that must pass at the REBOOT level before a climb back to DEFAULT is tried.
 constexpr std::uint32_t CLSGENV_CLIMB_MS = 60000;
 
+// Whether a climb back to DEFAULT is due at `now`, the REBOOT level having been entered (or a
+// climb having failed) at `since`; both are the low 32 bits of the millisecond clock, so the
+// difference is taken modulo 2^32.
+bool clsgenvClimbDue(std::uint32_t now, std::uint32_t since);
+
 #endif

@@ -1,0 +1,60 @@
+#ifndef CAA_LIB_CAA_FILE_H
+#define CAA_LIB_CAA_FILE_H
+
+// One named file with the few operations the command needs: existence, open, whole-file read,
+// close, removal and backup. The destructor does not close the descriptor.
+#include <sys/types.h>
+
+#include <string>
+
+namespace CAA {
+
+class CaaLogger;
+
+class CaaFile {
+ public:
+  CaaFile();
+  explicit CaaFile(const std::string& fname);
+  CaaFile(const std::string& fname, CaaLogger* logger);
+  // dir/name.ext; no dot for an empty extension.
+  CaaFile(const std::string& pname, const std::string& fname, const std::string& ext);
+  CaaFile(const std::string& pname, const std::string& fname, const std::string& ext, CaaLogger* logger);
+  CaaFile(const CaaFile&) = default;
+  CaaFile& operator=(const CaaFile&) = default;
+  virtual ~CaaFile();
+
+  std::string getName() const { return filename; }
+  bool exists() const;
+  // open(2) of the file; the descriptor, or -1. The result is kept in fd.
+  int openFile(const int& type, const mode_t& mode);
+  // Appends the whole content of ifd to str, as a text that ends at its first zero byte.
+  // The number of bytes read, or -1 with str unchanged.
+  int readFile(int& ifd, std::string& str);
+  int closeFile();
+  int closeFile(int& ifd);
+  bool remove();
+  // Copies the file beside itself with backup_ext in place of its extension; a second backup
+  // replaces the first. The copy is written beside the backup and renamed over it, so a failed
+  // copy leaves the earlier backup whole.
+  bool createBackup(const std::string& backup_ext);
+  // Replaces the content with buf and a newline: 0, or 1 after "Can't open file to write %s\n".
+  int twrite(char* buf);
+  // The first line into buf: 0, or 1 ("Can't open file %s\n" when the open fails).
+  int readl(char* buf, int size);
+  // Opens for appending, created if missing: the descriptor, or a negative value after a line
+  // on standard error.
+  int getFD();
+  int getDescriptor() const { return fd; }
+
+  bool operator==(const CaaFile& other) const { return filename == other.filename; }
+  bool operator!=(const CaaFile& other) const { return filename != other.filename; }
+
+ private:
+  CaaLogger* caa_logger;
+  std::string filename;
+  int fd;
+};
+
+}  // namespace CAA
+
+#endif

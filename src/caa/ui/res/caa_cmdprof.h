@@ -1,0 +1,93 @@
+#ifndef CAA_UI_RES_CAA_CMDPROF_H
+#define CAA_UI_RES_CAA_CMDPROF_H
+
+// The profile command. It recognises what it is asked to do from eight usage groups of argument
+// objects: every token is offered to every group, exactly one group must be satisfied, and its
+// operation runs. A create or an update scans the line a second time with the options that the
+// resource type's definition brings.
+#include <string>
+
+#include "caa/ui/api/caa_cmdparse.h"
+#include "caa/ui/api/caa_cmds.h"
+
+namespace CAA {
+
+class CaaFile;
+
+class CmdProf : public Cmds {
+ public:
+  static const int PROF_CREATE = 1;
+  static const int PROF_FILE_CREATE = 2;
+  static const int PROF_DELETE = 3;
+  static const int PROF_LIST = 4;
+  static const int PROF_TEMPLATE = 5;
+  static const int PROF_TYPE_TEMPLATE = 6;
+  static const int PROF_UPDATE = 7;
+  static const int PROF_VALIDATE = 8;
+  static const int PROF_UPDATEDIRECT = 9;
+
+  static const std::string COMMENT_CHAR;
+  static const std::string RESOURCE_TYPE_APPLICATION;
+  static const std::string tag_option;
+  static const std::string tag_type;
+  static const std::string tag_dir;
+  static const std::string tag_device;
+  static const std::string tag_create;
+  static const std::string tag_delete;
+  static const std::string tag_print;
+  static const std::string tag_template;
+  static const std::string tag_update;
+  static const std::string tag_validate;
+  static const std::string tag_register_update;
+  static const char* const PROF_USAGE;
+
+  explicit CmdProf(CaaLogger* caa_logger);
+  ~CmdProf() override;
+
+  void initArgs();
+  caa_Status initPaths() { return constructPaths(); }
+  // The whole work of a run: scan, judge, dispatch.
+  caa_Status procArgs(CmdParse& cmdparse);
+  // Judges the objects after a scan: exactly one complete group, and the modes and directories.
+  caa_Status scanArgs(arg_List& local_list);
+  // Keeps the chosen group only, renumbered as group 1.
+  void removeExtraArgs();
+  void clearArgList(arg_List& arg_l);
+  void prepareProfile(const std::string& namestr, CaaFile& profile);
+  caa_Status openProfile(int& pfd, CaaFile& caa_file);
+  void showUsage() override;
+
+  const std::string& profileDir() const { return dir_path; }
+  const std::string& scriptDir() const { return scr_dir_path; }
+  arg_List& args() { return arg_list; }
+
+  // The operations of the usage groups.
+  caa_Status createProfile(CmdParse& cmdparse);
+  caa_Status inputProfile();
+  caa_Status deleteProfile();
+  caa_Status listProfile();
+  caa_Status resourceTProfile();
+  caa_Status typeTProfile();
+  caa_Status updateProfile(CmdParse& cmdparse);
+  caa_Status validateProfile();
+
+ private:
+  void initUsage1();
+  void initUsage2();
+  void initUsage3();
+  void initUsage4();
+  void initUsage5();
+  void initUsage6();
+  void initUsage7();
+  void initUsage8();
+
+  bool scan_level_two;
+  std::string dir_path;
+  std::string scr_dir_path;
+  string_List resource_list;
+  arg_List opt_list;
+};
+
+}  // namespace CAA
+
+#endif
