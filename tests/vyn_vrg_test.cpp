@@ -104,8 +104,6 @@ TEST_F(VynVrgTest, SetGetListDelete) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "vyn_vrg: key SYSTEM.vyn.user_default_dir does not exist\n");
-  EXPECT_EQ(vrg({"delete", "SYSTEM.vyn"}).status, 1);
-  EXPECT_EQ(vrg({"list", "SYSTEM.vyn"}).status, 1);
   EXPECT_EQ(vrg({"list"}).out, "SYSTEM\nSYSTEM.ZEL_VYN_HOME = /opt/vyn\n");
 
   r = vrg({"set", "SYSTEM..bad", "x"});

@@ -117,7 +117,12 @@ class Txn {
            "registry store " + ctx->path + " cannot be written through this handle");
     }
     ctx->in_write = write;
-    exec(ctx, write ? "BEGIN IMMEDIATE" : "BEGIN");
+    try {
+      exec(ctx, write ? "BEGIN IMMEDIATE" : "BEGIN");
+    } catch (const Failure&) {
+      ctx->in_write = false;
+      throw;
+    }
   }
   void commit() {
     exec(ctx_, "COMMIT");
