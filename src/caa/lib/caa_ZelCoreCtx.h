@@ -18,7 +18,7 @@ struct lang_ctx {
 
 class ZelCoreCtx {
  public:
-  static const std::size_t MAX_CONTEXTS = 10;
+  static constexpr std::size_t MAX_CONTEXTS = 10;
 
   static ZelCoreCtx* getInstance();
   static void cleanup();

@@ -1,0 +1,90 @@
+#include "cppgen/clsException.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+
+#include "cppgen/clsLog.h"
+#include "cppgen/clsUserErrorException.h"
+
+namespace cls {
+namespace {
+
+TEST(ExceptionTest, HistoryIsFlatNearestFirst) {
+  Exception a("a");
+  Exception b("b", a);
+  NoMemoryException typed("typed");
+  b.appendToHistory(typed);
+  Exception c("c", b);
+  ASSERT_EQ(c.getNestedErrorMessages().size(), 3u);
+  EXPECT_EQ(c.getEntireErrorStack(), "c\nb\na\ntyped");
+  EXPECT_EQ(c.getNestedErrorMessages().back().className(), "Exception") << "causes keep their text, not their class";
+}
+
+TEST(ExceptionTest, PrintGivesClassAndText) {
+  std::ostringstream os;
+  os << BadIOException("disk");
+  EXPECT_EQ(os.str(), "BadIOException : disk");
+}
+
+class UserErrorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("ZEL_VYN_HOME", std::getenv("VYN_TEST_HOME"), 1);
+    setenv("LANG", "C", 1);
+  }
+};
+
+TEST_F(UserErrorTest, RendersTheCatalogTextWithItsArguments) {
+  UserErrorException e(170, "web");
+  EXPECT_EQ(e.what(), "VYN-0170: No profile exists for resource web.\n");
+  EXPECT_EQ(e.getPureMessage(), "No profile exists for resource web.");
+  EXPECT_EQ(e.getMsgId(), 170);
+  std::ostringstream os;
+  e.print(os);
+  EXPECT_EQ(os.str(), "UserErrorException : VYN-0170: No profile exists for resource web.\n");
+}
+
+TEST_F(UserErrorTest, CopiesShareTheArgumentsBeyondTheSourcesLife) {
+  UserErrorException copy;
+  {
+    std::string name = "temporary";
+    UserErrorException source(174, name.c_str());
+    copy = source;
+  }
+  EXPECT_EQ(copy.what("C"), "VYN-0174: The resource name temporary is longer than 127 characters.\n");
+  EXPECT_EQ(copy.what(), "VYN-0174: The resource name temporary is longer than 127 characters.\n");
+}
+
+TEST_F(UserErrorTest, AnUnknownNumberLeavesAnEmptyMessage) {
+  UserErrorException e(4242, "x");
+  EXPECT_EQ(e.what(), "");
+  Exception cause("root cause");
+  UserErrorException nested(cause, 170, "r");
+  EXPECT_EQ(nested.getEntireErrorStack(), "VYN-0170: No profile exists for resource r.\n\nroot cause");
+}
+
+TEST(ClsLogTest, ConditionalLinesPassByTheModuleLevel) {
+  using namespace CLS_Debug;
+  setenv("ZEL_VYNDEBUG_ALL", "3", 1);
+  setenv("ZEL_VYNDEBUG_TESTMODA", "0", 1);
+  setenv("ZEL_VYNDEBUG_TESTMODB", "4", 1);
+  CLSlogModule& a = CLSlogModule::getReference("TESTMODA");
+  CLSlogModule& b = CLSlogModule::getReference("TESTMODB");
+  CLSlogModule& c = CLSlogModule::getReference("TESTMODC");
+  EXPECT_EQ(a.getClsdLevelLog(), 0u) << "the module's own variable beats the general one";
+  EXPECT_EQ(c.getClsdLevelLog(), 3u);
+  CLSlog log("TESTMODA");
+  EXPECT_EQ(log.compose(" x", NONE, a, CLSlog::CONDITIONAL_OUT), "") << "level 0 drops NONE";
+  EXPECT_EQ(log.compose(" x", NONE, a, CLSlog::ERROR_OUT), " x") << "errors are always written";
+  EXPECT_EQ(log.compose(" x", ALGO_FINE, b, CLSlog::CONDITIONAL_OUT), "[F-ALGO] x");
+  EXPECT_EQ(log.compose(" x", EXTERN_DETAIL, b, CLSlog::CONDITIONAL_OUT), "[EXT-LAYER] x");
+  b.setClsdLevelLog(5);
+  EXPECT_EQ(log.compose(" x", EXTERN_DETAIL, b, CLSlog::CONDITIONAL_OUT), "");
+  EXPECT_EQ(&CLSlogModule::getReference("default"), &CLSlogModule::getModuleNone());
+  unsetenv("ZEL_VYNDEBUG_ALL");
+}
+
+}  // namespace
+}  // namespace cls
