@@ -1,0 +1,177 @@
+// Reading and writing profile files.
+#include "caa/profiler/caa_profile.h"
+
+#include <sys/stat.h>
+
+#include "caa/profiler/caa_profiler_fixture.h"
+
+using namespace CAA;
+
+class ProfileFile : public ProfilerDir {
+ protected:
+  string_Map load(const std::string& text) {
+    string_Map m;
+    Profile::loadProfile(write("p.cap", text), m);
+    return m;
+  }
+  std::string syntaxMessage(const std::string& text) {
+    try {
+      load(text);
+    } catch (const X_PROF_SyntaxError& e) {
+      return e.what();
+    }
+    return "no error";
+  }
+};
+
+TEST_F(ProfileFile, NamesAreUpperCasedAndValuesKeptWhole) {
+  string_Map m = load(
+      "# a comment\n\n  name = Some Value  \nX=Y=Z\nW==Y\nA=\n=value\nHASH=a # b\nCR=v\r\nname=later\n");
+  EXPECT_EQ(m["NAME"], "later");  // a later line replaces an earlier one
+  EXPECT_EQ(m["X"], "Y=Z");
+  EXPECT_EQ(m["W"], "=Y");
+  EXPECT_EQ(m["A"], "");
+  EXPECT_EQ(m["VALUE"], "");  // leading signs are skipped
+  EXPECT_EQ(m["HASH"], "a # b");
+  EXPECT_EQ(m["CR"], "v\r");
+  EXPECT_EQ(m.size(), 7u);
+}
+
+TEST_F(ProfileFile, LoadKeepsEntriesTheFileDoesNotName) {
+  string_Map m = {{"KEEP", "1"}, {"A", "old"}};
+  Profile::loadProfile(write("p.cap", "A=new\n"), m);
+  EXPECT_EQ(m["KEEP"], "1");
+  EXPECT_EQ(m["A"], "new");
+}
+
+TEST_F(ProfileFile, ContinuationLinesJoinAndCountAsPhysicalLines) {
+  string_Map m = load("A=one \\\n  two\\  \nthree\n#c \\\nSWALLOWED=1\nB=x\n");
+  EXPECT_EQ(m["A"], "one   twothree");
+  EXPECT_EQ(m.count("SWALLOWED"), 0u);
+  EXPECT_EQ(m["B"], "x");
+  // The number is that of the continued line's last piece.
+  std::string message = syntaxMessage("A=1\nbad \\\nline\n");
+  EXPECT_EQ(message.find("Syntax error in " + dir + "/p.cap, line number 3: \"bad line\"\n(File: caa_profile, line: "), 0u);
+  EXPECT_EQ(message.back(), '\n');
+}
+
+TEST_F(ProfileFile, TrailingBackslashAtEndOfFileLosesTheLine) {
+  string_Map m = load("A=1\nB=2\\\n");
+  EXPECT_EQ(m.size(), 1u);
+}
+
+TEST_F(ProfileFile, MalformedLinesAreSyntaxErrors) {
+  EXPECT_NE(syntaxMessage("NOEQUALS\n").find("line number 1: \"NOEQUALS\""), std::string::npos);
+  EXPECT_NE(syntaxMessage("A=1\n===\n").find("line number 2"), std::string::npos);
+  EXPECT_NE(syntaxMessage("= =x\n").find("Syntax error"), std::string::npos);
+  EXPECT_EQ(syntaxMessage("").substr(0, 8), "no error");
+}
+
+TEST_F(ProfileFile, LongLinesAreCutOrRefusedNeverOverrun) {
+  // A physical line past the read limit is read as two lines; the rest lacks its sign.
+  std::string longValue(20000, 'v');
+  EXPECT_NE(syntaxMessage("A=" + longValue + "\n").find("line number 2"), std::string::npos);
+  // Names and values grown past their limits by continuation lines are refused.
+  std::string piece(5000, 'n');
+  EXPECT_NE(syntaxMessage(piece + "\\\n=1\n").find("Syntax error"), std::string::npos);
+  std::string vals;
+  for (int i = 0; i < 3; ++i) vals += std::string(5000, 'x') + "\\\n";
+  EXPECT_NE(syntaxMessage("A=" + vals + "end\n").find("Syntax error"), std::string::npos);
+  std::string fits(10239, 'x');
+  EXPECT_EQ(load("A=" + fits.substr(0, 5000) + "\\\n" + fits.substr(5000) + "\n")["A"].size(), 10239u);
+}
+
+TEST_F(ProfileFile, BinaryBytesDoNotBreakTheReader) {
+  std::string text = "A=x";
+  text += '\0';
+  text += "junk\nB=\x01\xff\n";
+  string_Map m = load(text);
+  EXPECT_EQ(m["A"], "x");
+  EXPECT_EQ(m["B"], "\x01\xff");
+}
+
+TEST_F(ProfileFile, MissingFileIsInvalidFile) {
+  string_Map m;
+  EXPECT_THROW(Profile::loadProfile(dir + "/none.cap", m), X_PROF_InvalidFile);
+}
+
+TEST_F(ProfileFile, WriteOrdersNameTypeThenBytes) {
+  std::string path = dir + "/w.cap";
+  Profile::writeProfile(path, {{"b", "2"}, {"TYPE", "t"}, {"A", ""}, {"NAME", "n"}, {"Z", "#"}});
+  EXPECT_EQ(read(path), "NAME=n\nTYPE=t\nA=\nZ=#\nb=2\n");
+  Profile::writeProfile(path, {{"X", "1"}});
+  EXPECT_EQ(read(path), "NAME=\nTYPE=\nX=1\n");
+}
+
+TEST_F(ProfileFile, WriteIntoMissingDirectoryFailsAndLeavesNothing) {
+  try {
+    Profile::writeProfile(dir + "/no/such.cap", {{"NAME", "a"}});
+    FAIL();
+  } catch (const X_PROF_InvalidFile& e) {
+    EXPECT_EQ(e.what().substr(0, 29), "Error creating profile file " + std::string(1, dir[0]));
+  }
+}
+
+TEST_F(ProfileFile, FailedWriteKeepsTheOldProfile) {
+  std::string path = write("keep.cap", "NAME=keep\nTYPE=t\n");
+  chmod(dir.c_str(), 0555);
+  bool threw = false;
+  try {
+    Profile::writeProfile(path, {{"NAME", "keep"}, {"TYPE", "other"}});
+  } catch (const X_PROF_InvalidFile&) {
+    threw = true;
+  }
+  chmod(dir.c_str(), 0755);
+  if (geteuid() != 0) {
+    EXPECT_TRUE(threw);
+  }
+  if (threw) {
+    EXPECT_EQ(read(path), "NAME=keep\nTYPE=t\n");
+  }
+}
+
+TEST_F(ProfileFile, CreateChecksNameAndTypeAndCompletesFromType) {
+  writeTypes();
+  string_Map m = {{"NAME", "r"}, {"TYPE", "application"}, {"AUTO_START", ""}, {"USR_X", "1"}};
+  Profile::createProfile(m, "", true, false);
+  string_Map back;
+  Profile::loadProfile(dir + "/r.cap", back);
+  EXPECT_EQ(back["AUTO_START"], "restore");
+  EXPECT_EQ(back["CHECK_INTERVAL"], "60");
+  EXPECT_EQ(back["USR_X"], "1");
+  EXPECT_EQ(read(dir + "/r.cap").substr(0, 24), "NAME=r\nTYPE=application\n");
+
+  string_Map noName = {{"TYPE", "application"}};
+  EXPECT_THROW(Profile::createProfile(noName, "", true, false), X_PROF);
+  string_Map named = {{"NAME", "r"}, {"TYPE", "application"}};
+  EXPECT_THROW(Profile::createProfile(named, dir + "/t.cap", true, true), X_PROF);
+  string_Map noType = {{"NAME", "r"}};
+  EXPECT_THROW(Profile::createProfile(noType, "", true, false), X_PROF);
+  string_Map exists = {{"NAME", "r"}, {"TYPE", "application"}};
+  EXPECT_THROW(Profile::createProfile(exists, "", false, false), X_PROF_InvalidFile);
+  string_Map badType = {{"NAME", "q"}, {"TYPE", "nosuch"}};
+  try {
+    Profile::createProfile(badType, "", true, false);
+    FAIL();
+  } catch (const X_PROF& e) {
+    EXPECT_EQ(e.className(), "X_PROF");
+    EXPECT_EQ(e.what().substr(0, 46), "Invalid Type Definition File\n(File: caa_profil");
+  }
+
+  string_Map tmpl = {{"TYPE", "application"}};
+  Profile::createProfile(tmpl, dir + "/template.cap", true, true);
+  EXPECT_EQ(read(dir + "/template.cap").substr(0, 6), "NAME=\n");
+}
+
+TEST(ProfileText, TrimAndNumeric) {
+  char a[] = "  \t x y \t\n";
+  Profile::trim(a);
+  EXPECT_STREQ(a, "x y");
+  char b[] = "x\n\n";
+  Profile::trim(b);
+  EXPECT_STREQ(b, "x\n");  // only one newline goes
+  EXPECT_TRUE(Profile::numeric(""));
+  EXPECT_TRUE(Profile::numeric("0123"));
+  EXPECT_FALSE(Profile::numeric("1a"));
+  EXPECT_FALSE(Profile::numeric("-1"));
+}
