@@ -62,7 +62,12 @@ Identity::Identity(std::string name, bool group) : m_uid(nullptr), m_isGroupIden
 
 Identity::Identity(const osl_user_id* id) : m_uid(nullptr), m_isGroupIdentity(false) {
   if (id == nullptr) throw InvalidIdentity("(null)");
-  constructIdentity(const_cast<osl_user_id*>(id));
+  try {
+    constructIdentity(const_cast<osl_user_id*>(id));
+  } catch (...) {
+    release();  // a constructor that throws runs no destructor
+    throw;
+  }
 }
 
 Identity::Identity(const osl_privgrp_id* id) : m_uid(nullptr), m_isGroupIdentity(false) {

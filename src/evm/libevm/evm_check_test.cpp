@@ -154,11 +154,13 @@ TEST_F(EvmCheckTest, DamagedBodiesAreRefused) {
   put32(varNameTooLong, 136, 4);
   put32(varNameTooLong, 60, 1u << 23);
   fitSize(varNameTooLong);
+  Bytes varNameLenWraps = varNameTooLong;
+  put32(varNameLenWraps, 132, 0xffffffffu);  // padding the length to 8 must not wrap to 0
   Bytes varsBitOnly = newHead();
   put32(varsBitOnly, 60, 1u << 23);
 
   for (const Bytes* b : {&zeroSize, &pastEnd, &bitWithoutRecord, &noTerminator, &sizeBelowHead, &headItemInBody,
-                         &varNameTooLong, &varsBitOnly})
+                         &varNameTooLong, &varNameLenWraps, &varsBitOnly})
     EXPECT_EQ(EvmEventValidate(wrap(*b)), EvmERROR_INVALID_VALUE) << (b - &zeroSize);
 }
 

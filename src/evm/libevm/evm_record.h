@@ -23,9 +23,10 @@ EvmUint32_t _evmuiCountVar(const EvmEventHead_t* head);
 
 inline std::uint32_t evmRecIdent(const unsigned char* rec) { return evmLoad32(rec, EVM_REC_IDENT); }
 inline std::uint32_t evmRecSize(const unsigned char* rec) { return evmLoad32(rec, EVM_REC_SIZE); }
-// Offset of a variable's value within its record.
-inline std::uint32_t evmVarValueOffset(const unsigned char* rec) {
-  return static_cast<std::uint32_t>(EVM_VAR_NAME) + evmPad8(evmLoad32(rec, EVM_VAR_NAMELEN));
+// Offset of a variable's value within its record (of a record that passed _evmBodyCheck or
+// was written here, so that it fits).
+inline std::uint64_t evmVarValueOffset(const unsigned char* rec) {
+  return EVM_VAR_NAME + evmPad8(evmLoad32(rec, EVM_VAR_NAMELEN));
 }
 
 // The whole body checked as a stranger's block must be before anything reads it: sizes, record

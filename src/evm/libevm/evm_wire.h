@@ -125,9 +125,8 @@ constexpr std::size_t EVM_VAR_MSGID = 20;
 constexpr std::size_t EVM_VAR_NAME = 24;
 constexpr std::size_t EVM_VAR_SCALAR_AREA = 8;
 
-constexpr std::uint32_t evmPad8(std::uint64_t n) {
-  return static_cast<std::uint32_t>((n + 7) & ~static_cast<std::uint64_t>(7));
-}
+// 64-bit on purpose: a length read from a stranger's record may be near 2^32.
+constexpr std::uint64_t evmPad8(std::uint64_t n) { return (n + 7) & ~static_cast<std::uint64_t>(7); }
 
 // Unaligned-safe access to a field at a byte offset: records of a hostile block need not be
 // aligned, and the compiler turns these into plain moves.

@@ -71,6 +71,27 @@ class CmdProf : public Cmds {
   caa_Status updateProfile(CmdParse& cmdparse);
   caa_Status validateProfile();
 
+  // The second stage of a create or an update: the options of a resource type, built from its
+  // definition. initParams reads the definition, refuses one switch on two attributes, and
+  // hands the switches to uploadArgList, which appends plain options to arg_list (closed by a
+  // caaTrash) and the sub-options of "-o" to opt_list.
+  caa_Status initParams(const std::string& type);
+  caa_Status uploadArgList(string_Map& p_map);
+  // Takes the "-o" text apart into the sub-options, then moves them into arg_list in front of
+  // its closing object.
+  caa_Status procOptArgs();
+  // Within the value of sub-option tag, replaces oldChar by newChar, so that the commas of a
+  // value survive the split of the "-o" text at commas.
+  static void replaceChar(char* s, const char* tag, const char oldChar, const char newChar);
+  // Appends the profile rname of the working directory to s_rtn_data, line by line.
+  caa_Status getProfileContent(const char* rname, std::string& s_rtn_data);
+  // Runs the script template to make the action script <scr_dir_path>/<fname>.<ext> for bname.
+  caa_Status createActionScript(std::string& ascript_fname, std::string& ascript_ext, std::string& resname,
+                                std::string& bname);
+  // Takes away an action script of this run; nothing to do for an empty name or a missing file.
+  caa_Status removeActionScript(std::string& ascript_fname, std::string& ascript_ext);
+  arg_List& options() { return opt_list; }
+
  private:
   void initUsage1();
   void initUsage2();
