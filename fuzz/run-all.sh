@@ -2,7 +2,7 @@
 # Runs every fuzz target in BUILD_DIR/fuzz-bin for SECONDS each, from its seed corpus in
 # fuzz/corpus/<target>/ (copied, so the repository's corpus stays small). Any crash fails the run.
 set -euo pipefail
-build=${1:?usage: fuzz/run-all.sh BUILD_DIR SECONDS}
+build=$(cd "${1:?usage: fuzz/run-all.sh BUILD_DIR SECONDS}" && pwd)
 seconds=${2:-60}
 here=$(cd "$(dirname "$0")" && pwd)
 work=$(mktemp -d)
