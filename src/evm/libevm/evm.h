@@ -22,5 +22,6 @@
 #include "evm/libevm/evm_io.h"
 #include "evm/libevm/evm_msg.h"
 #include "evm/libevm/evm_auto.h"
+#include "evm/libevm/evm_post.h"
 
 #endif

@@ -1,0 +1,75 @@
+// vyn_evmd: the cluster's event daemon. Takes events from posters over the local socket (and
+// TCP when asked), checks them, appends them to <home>/log/evm/events.log and hands them to
+// listeners. Runs in the foreground until SIGTERM or SIGINT.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "evm/evmd/evmd_server.h"
+#include "evm/libevm/clsgenv.h"
+#include "evm/libevm/evm_conn.h"
+#include "platform/trace/dtr.h"
+
+namespace {
+
+const char kUsage[] =
+    "Usage: vyn_evmd [-tcp [port]] [-sync batch|interval] [-syncms milliseconds]\n"
+    "  -tcp      also listen on TCP (port 0 or none: any free port) and publish the address\n"
+    "            under SYSTEM.evm.rmport.<host> in the registry\n"
+    "  -sync     batch: fdatasync the log before each round's answers leave;\n"
+    "            interval (default): fdatasync at most every -syncms (200) and at the end\n";
+
+bool number(const char* s, int* out) {
+  char* end = nullptr;
+  long v = std::strtol(s, &end, 10);
+  if (*s == '\0' || *end != '\0' || v < 0 || v > 65535 * 100) return false;
+  *out = static_cast<int>(v);
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  evmd::Options o;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    if (a == "-tcp") {
+      o.tcp = true;
+      if (i + 1 < argc && number(argv[i + 1], &o.tcpPort)) ++i;
+    } else if (a == "-sync" && i + 1 < argc && (std::strcmp(argv[i + 1], "batch") == 0 || std::strcmp(argv[i + 1], "interval") == 0)) {
+      o.sync = std::strcmp(argv[++i], "batch") == 0 ? evmd::SyncPolicy::EveryBatch : evmd::SyncPolicy::Interval;
+    } else if (a == "-syncms" && i + 1 < argc && number(argv[i + 1], &o.syncIntervalMs)) {
+      ++i;
+    } else {
+      std::fputs(kUsage, stderr);
+      return 1;
+    }
+  }
+  const char* home = clsgenv("ZEL_VYN_HOME");
+  if (home == nullptr || *home == '\0') {
+    std::fputs("vyn_evmd: ZEL_VYN_HOME is not set\n", stderr);
+    return 1;
+  }
+  o.home = home;
+  dtrSetProgram("vyn_evmd");
+  char* address = _evmdConnString(0);
+  if (address == nullptr) {
+    std::fputs("vyn_evmd: cannot make the local address\n", stderr);
+    return 1;
+  }
+  o.localAddress = address;
+  std::free(address);
+  try {
+    evmd::Server server(o);
+    // One line when the sockets are up, so that whoever started us can wait for it.
+    std::printf("vyn_evmd: listening on %s%s%s\n", o.localAddress.c_str(), o.tcp ? " " : "", server.tcpAddress().c_str());
+    std::fflush(stdout);
+    server.run();
+  } catch (const std::exception& e) {
+    dtrWrite(std::string(" vyn_evmd: ") + e.what());
+    std::fprintf(stderr, "vyn_evmd: %s\n", e.what());
+    return 1;
+  }
+  return 0;
+}
