@@ -1,0 +1,402 @@
+// The event daemon as a whole program: posts from the client library and from a raw client that
+// writes its own bytes, its checks and answers, its log after a clean stop, listeners, clients
+// that send garbage or die, a stale socket, a second daemon, a daemon killed under a client.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "evm/libevm/evm.h"
+#include "platform/host/utlhost.h"
+#include "platform/registry/prvrg.h"
+#include "program_runner.h"
+
+namespace {
+
+const char* kDaemon = "(ADDRESS=(PROTOCOL=ipc)(KEY=SYSTEM.evm.acceptor.auth))";
+
+class Daemon {
+ public:
+  Daemon(const vyntest::TempHome& home, std::vector<std::string> args = {}) {
+    int fds[2];
+    if (pipe(fds) != 0) std::abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(fds[1], 1);
+      close(fds[0]);
+      std::vector<std::string> env = {"ZEL_VYN_HOME=" + home.home(), "VYN_IPC_DIR=" + home.root() + "/ipc",
+                                      "VYN_REGISTRY=" + home.root() + "/registry.db", "PATH=/usr/bin:/bin"};
+      std::vector<char*> envp;
+      for (auto& e : env) envp.push_back(&e[0]);
+      envp.push_back(nullptr);
+      std::string prog = vyntest::binary("vyn_evmd");
+      args.insert(args.begin(), prog);
+      std::vector<char*> argv;
+      for (auto& a : args) argv.push_back(&a[0]);
+      argv.push_back(nullptr);
+      execve(prog.c_str(), argv.data(), envp.data());
+      _exit(98);
+    }
+    close(fds[1]);
+    // The daemon says one line once it listens; the end of the pipe means it gave up.
+    FILE* f = fdopen(fds[0], "r");
+    char line[512] = "";
+    if (std::fgets(line, sizeof line, f) != nullptr) banner_ = line;
+    std::fclose(f);
+  }
+  ~Daemon() {
+    if (pid_ > 0) stop();
+  }
+  const std::string& banner() const { return banner_; }
+  int stop(int sig = SIGTERM) {
+    kill(pid_, sig);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  pid_t pid_ = -1;
+  std::string banner_;
+};
+
+// Reads the daemon's log back as a reader of event files does.
+std::vector<std::string> loggedNames(const vyntest::TempHome& home) {
+  std::vector<std::string> names;
+  int fd = open((home.home() + "/log/evm/events.log").c_str(), O_RDONLY);
+  if (fd < 0) return names;
+  off_t at = 0;
+  int blocks = 0;
+  for (;;) {
+    EvmDataBlockType_t type = 0;
+    off_t next = 0;
+    if (_evmGetNextBlockOffset(fd, at, &type, &next) != EvmERROR_NONE || next == 0) break;
+    ++blocks;
+    at = next;
+  }
+  lseek(fd, 0, SEEK_SET);
+  EvmEvent_t ev = nullptr;
+  while (EvmEventReadFD(fd, &ev) == EvmERROR_NONE) {
+    EvmItemValue_t v;
+    names.push_back(_evmuiItemGet(ev, EvmITEM_NAME, &v) == EvmERROR_NONE ? v.NAME : "?");
+    EvmEventDestroy(ev);
+  }
+  close(fd);
+  EXPECT_EQ(static_cast<std::size_t>(blocks), names.size()) << "block walk and reader disagree";
+  return names;
+}
+
+EvmEvent_t named(const char* name) {
+  EvmEvent_t ev = nullptr;
+  EXPECT_EQ(EvmEventCreateVa(&ev, EvmITEM_NAME, name, EvmITEM_NONE), EvmERROR_NONE);
+  return ev;
+}
+
+// A client that writes every byte itself, as another implementation would.
+class RawClient {
+ public:
+  RawClient() {
+    xpcinit(0, 0, &ctx_, 0);
+    xpcugblmini(ctx_, &g_, 0);
+    ok_ = xpcconnect(g_, kDaemon, 0, &con_, nullptr, nullptr, nullptr, nullptr, 30, 2) == xpcretSUCC;
+  }
+  ~RawClient() {
+    if (con_) xpcdisc(con_);
+    xpcugblmterm(g_);
+    xpcterm(ctx_);
+  }
+  bool ok() const { return ok_; }
+  xpccon* con() { return con_; }
+  void head(std::uint32_t type, std::uint32_t flags, std::uint64_t data, std::uint32_t bodySize) {
+    EvmCommHead_t h{};
+    h.ident = EVM_COMM_IDENT;
+    h.version = EVM_COMM_VERSION;
+    h.magic = EVM_COMM_MAGIC;
+    h.type = type;
+    h.flags = flags;
+    h.headerData = data;
+    h.bodySize = bodySize;
+    Evmxpcsend(con_, &h.clschdr, EVM_COMM_HEAD_SIZE);
+  }
+  bool connect() {
+    std::vector<unsigned char> req(64, 0);
+    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+    evmStore32(req.data(), EVM_CONNREQ_OFF_PID, static_cast<std::uint32_t>(getpid()));
+    head(EvmCOMM_CONNECT_REQ, 0, 0, 64);
+    Evmxpcsend(con_, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), 64);
+    EvmCommHead_t r = answer();
+    return r.type == EvmCOMM_CONNECT_RSP && r.flags == 0;
+  }
+  void post(std::vector<unsigned char> block, std::uint64_t token, std::uint32_t flags = 0) {
+    head(EvmCOMM_POST_REQ, flags, token, static_cast<std::uint32_t>(block.size()));
+    xpcsend(con_, block.data(), static_cast<std::uint32_t>(block.size()));
+  }
+  EvmCommHead_t answer() {
+    EvmCommHead_t h{};
+    std::uint32_t n = 0;
+    if (xpcreceive(con_, &h, sizeof h, 10000, 0, XPC_WAIT_TIMED, &n) != xpcretSUCC || n != sizeof h) h.type = 0;
+    return h;
+  }
+
+ private:
+  xpcctx* ctx_ = nullptr;
+  xpcugblm* g_ = nullptr;
+  xpccon* con_ = nullptr;
+  bool ok_ = false;
+};
+
+std::vector<unsigned char> blockOf(EvmEvent_t ev) {
+  EvmUint32_t len = 0;
+  const auto* p = static_cast<const unsigned char*>(EvmEventWriteBuf(&len, ev));
+  return std::vector<unsigned char>(p, p + len);
+}
+
+class EvmdTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::filesystem::create_directories(home_.root() + "/ipc");
+    setenv("VYN_IPC_DIR", (home_.root() + "/ipc").c_str(), 1);
+    unsetenv("GMX_CLUSTERNAME");
+  }
+  vyntest::TempHome home_;
+};
+
+TEST_F(EvmdTest, EveryAcknowledgedPostIsInTheLogAfterACleanStop) {
+  Daemon d(home_);
+  ASSERT_NE(d.banner().find("listening on"), std::string::npos);
+  EvmConnection_t conn = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn), EvmERROR_NONE);
+  constexpr int kThreads = 8, kEach = 100;
+  std::atomic<int> acked{0};
+  std::vector<std::thread> ts;
+  for (int t = 0; t < kThreads; ++t)
+    ts.emplace_back([&, t] {
+      std::string name = "sys.zel.test.thread" + std::to_string(t);
+      EvmEvent_t ev = named(name.c_str());
+      for (int i = 0; i < kEach; ++i)
+        if (EvmEventPost(conn, ev) == EvmERROR_NONE) ++acked;
+      EvmEventDestroy(ev);
+    });
+  for (auto& th : ts) th.join();
+  EXPECT_EQ(acked.load(), kThreads * kEach);
+  // Posts without answers, then a temporary connection as the command makes one.
+  EvmConnection_t quiet = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_IGNORE, nullptr, nullptr, nullptr, &quiet), EvmERROR_NONE);
+  EvmEvent_t q = named("sys.zel.test.quiet");
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(EvmEventPost(quiet, q), EvmERROR_NONE);
+  EvmConnDestroy(quiet);
+  ASSERT_EQ(EvmEventPost(nullptr, q), EvmERROR_NONE);
+  EvmEventDestroy(q);
+  EvmConnDestroy(conn);
+  EXPECT_EQ(d.stop(), 0);
+  auto names = loggedNames(home_);
+  EXPECT_EQ(names.size(), static_cast<std::size_t>(kThreads * kEach + 51));
+  int quietCount = 0;
+  for (auto& n : names) quietCount += n == "sys.zel.test.quiet";
+  EXPECT_EQ(quietCount, 51);
+  EXPECT_FALSE(access((home_.root() + "/ipc/SYSTEM.evm.acceptor.auth").c_str(), F_OK) == 0);
+}
+
+TEST_F(EvmdTest, EachPostIsCheckedAndAnswered) {
+  Daemon d(home_);
+  RawClient c;
+  ASSERT_TRUE(c.ok());
+  ASSERT_TRUE(c.connect());
+  EvmEvent_t good = named("sys.zel.test.good");
+  auto ok = blockOf(good);
+  auto damaged = ok;
+  damaged[damaged.size() - 3] ^= 0x40;  // behind the checksum
+  EvmEvent_t nameless = nullptr;
+  EvmEventCreateVa(&nameless, EvmITEM_PRIORITY, 100, EvmITEM_NONE);
+  EvmEvent_t loud = named("sys.zel.test.loud");
+  // The library won't set a priority above 700; another client might.
+  loud->head_p->priority = 800;
+  loud->head_p->fldPresBits |= 1u << EvmITEM_PRIORITY;
+
+  struct Case {
+    std::vector<unsigned char> block;
+    std::uint32_t expect;
+  } cases[] = {
+      {ok, 0},
+      {damaged, evmCommFlag(EvmCOMMFLAG_INVALID_DATA)},
+      {blockOf(nameless), evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED)},
+      {blockOf(loud), evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED)},
+      {std::vector<unsigned char>(ok.begin(), ok.begin() + 100), evmCommFlag(EvmCOMMFLAG_INVALID_DATA)},
+  };
+  for (std::size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+    auto& b = cases[i].block;
+    evmStore32(b.data(), 0, static_cast<std::uint32_t>(b.size()));
+    c.post(b, 1000 + i);
+    EvmCommHead_t a = c.answer();
+    EXPECT_EQ(a.type, static_cast<std::uint32_t>(EvmCOMM_POST_RSP)) << i;
+    EXPECT_EQ(a.flags, cases[i].expect) << i;
+    EXPECT_EQ(a.headerData, 1000 + i) << i;
+    EXPECT_EQ(a.magic, EVM_COMM_MAGIC);
+    EXPECT_EQ(a.clschdr.clschdr.size_xpcmsgh, EVM_COMM_HEAD_SIZE);
+  }
+  // DO_NOT_ACK: no answer, so the next answer belongs to the next post.
+  c.post(ok, 7, evmCommFlag(EvmCOMMFLAG_DO_NOT_ACK));
+  c.post(ok, 8);
+  EXPECT_EQ(c.answer().headerData, 8u);
+  // Through the library, a rejection leaves the connection usable.
+  EvmConnection_t conn = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn), EvmERROR_NONE);
+  EXPECT_EQ(EvmEventPost(conn, loud), EvmERROR_EVENT_REJECTED);
+  EXPECT_EQ(EvmEventPost(conn, good), EvmERROR_NONE);
+  EvmConnDestroy(conn);
+  EvmEventDestroy(good);
+  EvmEventDestroy(nameless);
+  EvmEventDestroy(loud);
+  EXPECT_EQ(d.stop(), 0);
+  EXPECT_EQ(loggedNames(home_).size(), 4u);
+}
+
+TEST_F(EvmdTest, GarbageAndDyingClientsLeaveOthersServed) {
+  Daemon d(home_);
+  {
+    RawClient junk;
+    const char text[] = "GET / HTTP/1.1\r\nHost: x\r\n\r\n";
+    send(xpcfd(junk.con()), text, sizeof text, MSG_NOSIGNAL);
+    EXPECT_EQ(junk.answer().type, 0u);  // cut off, no answer
+  }
+  {
+    RawClient wrongType;
+    ASSERT_TRUE(wrongType.connect());
+    wrongType.head(EvmCOMM_SUBSCRIPTION_REQ, 0, 0, 0);
+    EXPECT_EQ(wrongType.answer().type, 0u);
+  }
+  {
+    RawClient half;  // dies in the middle of its event
+    ASSERT_TRUE(half.connect());
+    EvmEvent_t ev = named("sys.zel.test.half");
+    auto b = blockOf(ev);
+    half.head(EvmCOMM_POST_REQ, 0, 1, static_cast<std::uint32_t>(b.size()));
+    send(xpcfd(half.con()), b.data(), b.size() / 2, MSG_NOSIGNAL);
+    EvmEventDestroy(ev);
+  }
+  {
+    RawClient huge;  // claims a message far beyond any limit
+    std::uint32_t len = 0xfffffff0u;
+    std::vector<unsigned char> m(48, 0);
+    std::memcpy(m.data(), &len, 4);
+    send(xpcfd(huge.con()), m.data(), m.size(), MSG_NOSIGNAL);
+    EXPECT_EQ(huge.answer().type, 0u);
+  }
+  EvmEvent_t ev = named("sys.zel.test.after");
+  EXPECT_EQ(EvmEventPost(nullptr, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+  EXPECT_EQ(d.stop(), 0);
+  auto names = loggedNames(home_);
+  ASSERT_EQ(names.size(), 1u);
+  EXPECT_EQ(names[0], "sys.zel.test.after");
+}
+
+struct Heard {
+  std::atomic<int> events{0};
+  std::string text;
+};
+
+void onEvent(EvmConnection_t, EvmCallbackArg_t arg, EvmCallbackData_t* data) {
+  auto* h = static_cast<Heard*>(arg);
+  if (data->reason != EvmREASON_EVENT_DELIVERED || data->status != EvmERROR_NONE) return;
+  char* text = nullptr;
+  if (EvmVarGetString(data->event, "text", &text, nullptr) == EvmERROR_NONE) {
+    h->text = text;
+    std::free(text);
+  }
+  EvmEventDestroy(data->event);
+  ++h->events;
+}
+
+TEST_F(EvmdTest, ListenersGetEveryAcceptedEventEvenALongOne) {
+  Daemon d(home_);
+  Heard heard;
+  EvmConnection_t listener = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_LISTEN, EvmRESPONSE_CALLBACK, nullptr, onEvent, &heard, &listener),
+            EvmERROR_NONE);
+  EvmEvent_t ev = named("sys.zel.test.long");
+  std::string big(50000, 'q');
+  EvmVarSetString(ev, "text", big.c_str());
+  EXPECT_EQ(EvmEventPost(nullptr, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+  while (heard.events.load() == 0) {
+    ASSERT_EQ(EvmConnWait(listener, nullptr), EvmERROR_NONE);
+    ASSERT_EQ(EvmConnDispatch(listener), EvmERROR_NONE);
+  }
+  EXPECT_EQ(heard.text, big);
+  EvmConnDestroy(listener);
+}
+
+TEST_F(EvmdTest, StaleSocketIsReplacedAndASecondDaemonRefused) {
+  std::string path = home_.root() + "/ipc/SYSTEM.evm.acceptor.auth";
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  std::strcpy(sa.sun_path, path.c_str());
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+  close(fd);  // a socket file nobody answers on
+  Daemon d(home_);
+  ASSERT_NE(d.banner().find("listening on"), std::string::npos);
+  Daemon second(home_);
+  EXPECT_EQ(second.banner(), "");
+  EXPECT_EQ(second.stop(), 1);
+  EvmEvent_t ev = named("sys.zel.test.first");
+  EXPECT_EQ(EvmEventPost(nullptr, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+}
+
+TEST_F(EvmdTest, KilledDaemonLosesTheConnectionAndADownOneRefusesIt) {
+  EvmEvent_t ev = named("sys.zel.test.gone");
+  {
+    Daemon d(home_);
+    EvmConnection_t conn = nullptr;
+    ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn), EvmERROR_NONE);
+    EXPECT_EQ(d.stop(SIGKILL), 128 + SIGKILL);
+    EXPECT_EQ(EvmEventPost(conn, ev), EvmERROR_CONNECTION_LOST);
+    EvmConnDestroy(conn);
+  }
+  // The killed daemon left its socket file; nobody answers there.
+  EvmConnection_t conn = nullptr;
+  EXPECT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn), EvmERROR_CONNECT);
+  EXPECT_EQ(EvmEventPost(nullptr, ev), EvmERROR_CONNECT);
+  EvmEventDestroy(ev);
+}
+
+TEST_F(EvmdTest, TcpPostersFindTheDaemonThroughTheRegistry) {
+  setenv("VYN_REGISTRY", (home_.root() + "/registry.db").c_str(), 1);
+  prvrg_ctx* rg = nullptr;
+  char err[256];
+  std::size_t errlen = sizeof err;
+  ASSERT_EQ(prvrg_init_ext(&rg, PRVRG_LEVEL_DEFAULT, err, &errlen, PRVRG_FLAG_CREATE), PRVRG_SUCC);
+  prvrg_terminate(rg);
+  Daemon d(home_, {"-tcp", "0"});
+  ASSERT_NE(d.banner().find("PROTOCOL=tcp"), std::string::npos);
+  char host[256];
+  ASSERT_GT(utlhost(host, sizeof host), 0);
+  EvmTransport_t t{};
+  t.type = EvmTRANSPORT_TCPIP;
+  t.data.tcpip.portNumber = -1;
+  t.data.tcpip.hostName = host;
+  EvmConnection_t conn = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, &t, nullptr, nullptr, &conn), EvmERROR_NONE);
+  EvmEvent_t ev = named("sys.zel.test.tcp");
+  EXPECT_EQ(EvmEventPost(conn, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+  EvmConnDestroy(conn);
+  EXPECT_EQ(d.stop(), 0);
+  EXPECT_EQ(loggedNames(home_).size(), 1u);
+}
+
+}  // namespace
