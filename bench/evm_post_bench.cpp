@@ -1,0 +1,309 @@
+// Posting against the event daemon, each measure beside a baseline of the same bytes and the
+// same number of messages:
+//   PostOpen/*        a post and its answer on an open connection; raw: a Unix-socket client that
+//                     writes the head and the block and reads the 88-byte answer itself
+//   ConnectPost/*     connect, post, wait, disconnect as the command does it; raw: the same five
+//                     messages by hand on a fresh socket
+//   Throughput/*      8 threads, each on its own connection, posting through the library; to the
+//                     daemon, and to a bare epoll server that answers the same messages and does
+//                     nothing else
+// The raw side talks to that bare server too. Both servers run as child processes.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "evm/libevm/evm.h"
+
+namespace {
+
+std::string g_dir;
+std::string g_bareAddr = "(ADDRESS=(PROTOCOL=ipc)(KEY=bench.bare))";
+pid_t g_daemon = -1, g_bare = -1;
+
+EvmEvent_t typicalEvent() {
+  EvmEvent_t ev = nullptr;
+  EvmEventCreateVa(&ev, EvmITEM_NAME, "sys.zel.clu.vyn.res.profile.delete", EvmITEM_CLUSTER_EVENT, EvmTRUE,
+                   EvmITEM_NONE);
+  EvmVarSetString(ev, "_name", "demo");
+  return ev;
+}
+
+// The bytes a post puts on the wire, stamped and checksummed once.
+std::vector<unsigned char> typicalBlock() {
+  EvmEvent_t ev = typicalEvent();
+  _EvmItemSetAuto(ev, 0);
+  EvmUint32_t len = 0;
+  const auto* p = static_cast<const unsigned char*>(EvmEventWriteBuf(&len, ev));
+  std::vector<unsigned char> b(p, p + len);
+  EvmEventDestroy(ev);
+  return b;
+}
+
+EvmCommHead_t head(std::uint32_t type, std::uint64_t data, std::uint32_t body) {
+  EvmCommHead_t h{};
+  _evmFillTransportHeader(&h, EVM_COMM_HEAD_SIZE);
+  h.ident = EVM_COMM_IDENT;
+  h.version = EVM_COMM_VERSION;
+  h.magic = EVM_COMM_MAGIC;
+  h.type = type;
+  h.headerData = data;
+  h.bodySize = body;
+  return h;
+}
+
+// ---- The bare server: frames messages, answers connects and posts, nothing more ----
+
+[[noreturn]] void bareServer(const std::string& path) {
+  int l = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  std::strcpy(sa.sun_path, path.c_str());
+  unlink(path.c_str());
+  if (bind(l, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 || listen(l, 128) != 0) _exit(1);
+  int ep = epoll_create1(0);
+  epoll_event ev{};
+  ev.events = EPOLLIN;
+  ev.data.fd = l;
+  epoll_ctl(ep, EPOLL_CTL_ADD, l, &ev);
+  struct Conn {
+    std::vector<unsigned char> buf = std::vector<unsigned char>(1 << 16);
+    std::size_t have = 0;
+    int awaiting = 0;  // 0: a head, 1: a connect body, 2: a post body
+    std::uint64_t token = 0;
+  };
+  std::unordered_map<int, Conn> conns;
+  std::vector<epoll_event> evs(64);
+  for (;;) {
+    int n = epoll_wait(ep, evs.data(), 64, -1);
+    for (int i = 0; i < n; ++i) {
+      int fd = evs[i].data.fd;
+      if (fd == l) {
+        int c;
+        while ((c = accept4(l, nullptr, nullptr, SOCK_NONBLOCK)) >= 0) {
+          epoll_event e{};
+          e.events = EPOLLIN;
+          e.data.fd = c;
+          epoll_ctl(ep, EPOLL_CTL_ADD, c, &e);
+          conns[c] = Conn();
+        }
+        continue;
+      }
+      Conn& c = conns[fd];
+      ssize_t r = recv(fd, c.buf.data() + c.have, c.buf.size() - c.have, 0);
+      if (r <= 0) {
+        close(fd);
+        conns.erase(fd);
+        continue;
+      }
+      c.have += static_cast<std::size_t>(r);
+      std::size_t at = 0;
+      std::vector<unsigned char> out;
+      while (c.have - at >= 4) {
+        std::uint32_t len = evmLoad32(c.buf.data(), at);
+        if (c.have - at < len) break;
+        if (c.awaiting == 0) {
+          EvmCommHead_t h;
+          std::memcpy(&h, c.buf.data() + at, sizeof h);
+          c.awaiting = h.type == EvmCOMM_CONNECT_REQ ? 1 : 2;
+          c.token = h.headerData;
+        } else {
+          EvmCommHead_t a = head(c.awaiting == 1 ? EvmCOMM_CONNECT_RSP : EvmCOMM_POST_RSP, c.token, 0);
+          const auto* p = reinterpret_cast<const unsigned char*>(&a);
+          out.insert(out.end(), p, p + sizeof a);
+          c.awaiting = 0;
+        }
+        at += len;
+      }
+      std::memmove(c.buf.data(), c.buf.data() + at, c.have - at);
+      c.have -= at;
+      if (!out.empty() && send(fd, out.data(), out.size(), MSG_NOSIGNAL) < 0) {
+        close(fd);
+        conns.erase(fd);
+      }
+    }
+  }
+}
+
+// ---- Raw client ----
+
+int rawConnect() {
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  std::strcpy(sa.sun_path, (g_dir + "/ipc/bench.bare").c_str());
+  if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) std::abort();
+  return fd;
+}
+
+void writeAll(int fd, const void* p, std::size_t n) {
+  if (send(fd, p, n, MSG_NOSIGNAL) != static_cast<ssize_t>(n)) std::abort();
+}
+
+void readAnswer(int fd) {
+  unsigned char a[EVM_COMM_HEAD_SIZE];
+  std::size_t got = 0;
+  while (got < sizeof a) {
+    ssize_t r = read(fd, a + got, sizeof a - got);
+    if (r <= 0) std::abort();
+    got += static_cast<std::size_t>(r);
+  }
+}
+
+void rawPost(int fd, const std::vector<unsigned char>& block) {
+  EvmCommHead_t h = head(EvmCOMM_POST_REQ, 1, static_cast<std::uint32_t>(block.size()));
+  writeAll(fd, &h, sizeof h);
+  writeAll(fd, block.data(), block.size());
+  readAnswer(fd);
+}
+
+void BM_PostOpen_Raw(benchmark::State& state) {
+  int fd = rawConnect();
+  auto block = typicalBlock();
+  std::vector<unsigned char> req(64, 0);
+  evmStore32(req.data(), 0, 64);
+  EvmCommHead_t h = head(EvmCOMM_CONNECT_REQ, 0, 64);
+  writeAll(fd, &h, sizeof h);
+  writeAll(fd, req.data(), req.size());
+  readAnswer(fd);
+  for (auto _ : state) rawPost(fd, block);
+  close(fd);
+}
+
+void BM_PostOpen_Daemon(benchmark::State& state) {
+  EvmConnection_t conn = nullptr;
+  if (EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn) != EvmERROR_NONE) {
+    state.SkipWithError("no daemon");
+    return;
+  }
+  EvmEvent_t ev = typicalEvent();
+  for (auto _ : state)
+    if (EvmEventPost(conn, ev) != EvmERROR_NONE) state.SkipWithError("post failed");
+  EvmEventDestroy(ev);
+  EvmConnDestroy(conn);
+}
+
+void BM_ConnectPost_Raw(benchmark::State& state) {
+  auto block = typicalBlock();
+  std::vector<unsigned char> req(64, 0);
+  evmStore32(req.data(), 0, 64);
+  EvmCommHead_t h = head(EvmCOMM_CONNECT_REQ, 0, 64);
+  for (auto _ : state) {
+    int fd = rawConnect();
+    writeAll(fd, &h, sizeof h);
+    writeAll(fd, req.data(), req.size());
+    readAnswer(fd);
+    rawPost(fd, block);
+    close(fd);
+  }
+}
+
+void BM_ConnectPost_Daemon(benchmark::State& state) {
+  EvmEvent_t ev = typicalEvent();
+  for (auto _ : state)
+    if (EvmEventPost(nullptr, ev) != EvmERROR_NONE) state.SkipWithError("post failed");
+  EvmEventDestroy(ev);
+}
+
+void throughput(benchmark::State& state, const char* address) {
+  EvmTransport_t t{};
+  t.type = EvmTRANSPORT_DOMAIN_SOCKET;
+  t.data.domainSocket.name = const_cast<char*>(address);
+  EvmConnection_t conn = nullptr;
+  if (EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, address != nullptr ? &t : nullptr, nullptr, nullptr,
+                    &conn) != EvmERROR_NONE) {
+    state.SkipWithError("no server");
+    return;
+  }
+  EvmEvent_t ev = typicalEvent();
+  for (auto _ : state)
+    if (EvmEventPost(conn, ev) != EvmERROR_NONE) state.SkipWithError("post failed");
+  state.SetItemsProcessed(state.iterations());
+  EvmEventDestroy(ev);
+  EvmConnDestroy(conn);
+}
+
+void BM_Throughput_Bare(benchmark::State& state) { throughput(state, g_bareAddr.c_str()); }
+void BM_Throughput_Daemon(benchmark::State& state) { throughput(state, nullptr); }
+
+BENCHMARK(BM_PostOpen_Raw);
+BENCHMARK(BM_PostOpen_Daemon);
+BENCHMARK(BM_ConnectPost_Raw);
+BENCHMARK(BM_ConnectPost_Daemon);
+BENCHMARK(BM_Throughput_Bare)->Threads(8)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_Throughput_Daemon)->Threads(8)->UseRealTime()->MinTime(2.0);
+
+// Starts vyn_evmd (beside this program's build: ../bin) with the given extra argument.
+pid_t startDaemon(const std::string& self, const char* syncMode) {
+  std::string prog = std::filesystem::path(self).parent_path().string() + "/../bin/vyn_evmd";
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], 1);
+    close(fds[0]);
+    execl(prog.c_str(), prog.c_str(), "-sync", syncMode, static_cast<char*>(nullptr));
+    _exit(98);
+  }
+  close(fds[1]);
+  char line[512];
+  FILE* f = fdopen(fds[0], "r");
+  bool up = std::fgets(line, sizeof line, f) != nullptr;
+  std::fclose(f);
+  return up ? pid : -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  char tmpl[] = "/tmp/evm_post_bench.XXXXXX";
+  if (mkdtemp(tmpl) == nullptr) return 1;
+  g_dir = tmpl;
+  std::filesystem::create_directories(g_dir + "/ipc");
+  std::filesystem::create_directories(g_dir + "/home/log");
+  setenv("VYN_IPC_DIR", (g_dir + "/ipc").c_str(), 1);
+  setenv("ZEL_VYN_HOME", (g_dir + "/home").c_str(), 1);
+  setenv("VYN_REGISTRY", (g_dir + "/none.db").c_str(), 1);
+  unsetenv("GMX_CLUSTERNAME");
+  // VYN_BENCH_SYNC=batch measures the daemon with an fdatasync before every round's answers.
+  const char* sync = std::getenv("VYN_BENCH_SYNC");
+  g_bare = fork();
+  if (g_bare == 0) bareServer(g_dir + "/ipc/bench.bare");
+  g_daemon = startDaemon(argv[0], sync != nullptr ? sync : "interval");
+  if (g_daemon < 0) {
+    std::fprintf(stderr, "vyn_evmd did not start\n");
+    return 1;
+  }
+  // Wait until the bare server answers.
+  for (;;) {
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::strcpy(sa.sun_path, (g_dir + "/ipc/bench.bare").c_str());
+    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
+    close(fd);
+    if (ok) break;
+    sched_yield();
+  }
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  kill(g_daemon, SIGTERM);
+  kill(g_bare, SIGKILL);
+  waitpid(g_daemon, nullptr, 0);
+  waitpid(g_bare, nullptr, 0);
+  std::filesystem::remove_all(g_dir);
+  return 0;
+}
