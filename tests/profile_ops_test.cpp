@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +29,13 @@ std::string slurp(const std::string& path) {
   std::stringstream ss;
   ss << in.rdbuf();
   return ss.str();
+}
+
+// A live process, not one that has ended and waits to be reaped.
+bool alive(int pid) {
+  if (pid <= 0 || kill(pid, 0) != 0) return false;
+  std::string status = slurp("/proc/" + std::to_string(pid) + "/status");
+  return status.find("State:\tZ") == std::string::npos;
 }
 
 bool exists(const std::string& path) {
@@ -226,13 +234,16 @@ TEST_F(ProfileCommand, ActionScriptFromABinaryRunsForReal) {
   EXPECT_EQ(std::system((script + " check").c_str()), 0);
   std::string pid = slurp(pd + "/sl.pid");
   EXPECT_FALSE(pid.empty());
+  EXPECT_TRUE(alive(std::atoi(pid.c_str())));
   EXPECT_EQ(std::system((script + " stop").c_str()), 0);
   EXPECT_EQ(std::system((script + " check").c_str()), 256);
-  EXPECT_NE(kill(std::atoi(pid.c_str()), 0) == 0 && std::system(("grep -q '^State:.*Z' /proc/" + std::to_string(std::atoi(pid.c_str())) + "/status").c_str()) != 0, true);
+  EXPECT_FALSE(alive(std::atoi(pid.c_str())));
 
-  // An existing script is kept without -f: the profile is written, the status says 1.
+  // With -f the template replaces an existing script; without it the script is kept, the
+  // profile is written all the same, and the status says 1.
   r = create("sl", {"-B", "/bin/true", "-f"});
   EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(slurp(script).find("PROGRAM='/bin/true'"), std::string::npos);
   put(pd + "/other.scr", "keep");
   r = create("other", {"-B", "/bin/true"});
   EXPECT_EQ(r.status, 1);

@@ -11,7 +11,6 @@ namespace CAA {
 CaaScript::CaaScript(const char* fname, const char* ext, const char* bname, bool& dual, CaaLogger* logger,
                      const char* dir_path)
     : dual_flag(dual),
-      safe_flag(false),
       scr_dir_path(dir_path != nullptr ? dir_path : Path::script_path),
       osl_ctx(osl_process_ctx()),
       prochdl(new (std::nothrow) osl_process_handle{0}),

@@ -35,7 +35,6 @@ class CaaScript {
 
  private:
   bool dual_flag;
-  bool safe_flag;
   std::string scr_dir_path;
   oslctx* osl_ctx;  // the process's context, which the OS layer keeps
   osl_process_handle* prochdl;
