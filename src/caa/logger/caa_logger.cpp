@@ -88,6 +88,25 @@ std::string CaaLogger::toString(int lnum, ...) {
   return msgstr;
 }
 
+void CaaLogger::log(EvmEvent_t& ev) {
+  l_route = LOG_EVMPOST;
+  logProc(ev);
+}
+
+void CaaLogger::log(const char* event, EvmEvent_t& ev) {
+  l_route = LOG_EVMPOST;
+  setEventName(event);
+  logProc(ev);
+}
+
+void CaaLogger::logProc(EvmEvent_t& ev) {
+  int e_code = 0;
+  if (EventMgr::sendEvent(l_event.c_str(), ev, &e_code) != caa_SUCCESS) {
+    std::fputs("Evm log has failed.\n", stderr);
+    std::fflush(stderr);
+  }
+}
+
 void CaaLogger::emit(bool addNewline) {
   int rc = 0;
   if (event_switch != 0 || l_route == LOG_EVMPOST) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "caa/logger/caa_msg.h"
+#include "evm/libevm/evm.h"
 
 namespace CAA {
 
@@ -51,6 +52,10 @@ class CaaLogger : public CaaMsg {
   void log(caa_LogRoute lr, int lnum, ...);
   // Message lnum, formatted, as text; nothing is written.
   std::string toString(int lnum, ...);
+  // Posts the caller's event (which stays the caller's); the route becomes LOG_EVMPOST, so that
+  // later calls without a route go out as events too.
+  void log(EvmEvent_t& ev);
+  void log(const char* event, EvmEvent_t& ev);
 
   // Sends the text with an end of line, or as an event.
   void logProc();
@@ -58,6 +63,7 @@ class CaaLogger : public CaaMsg {
   void logOrigProc();
   // Posts the text as the event `event` (null: the current event name). 0 on success.
   int sendLog(const char* event);
+  void logProc(EvmEvent_t& ev);
 
  private:
   void formatNumbered(int lnum, va_list ap);

@@ -85,6 +85,9 @@ class CmdProf : public Cmds {
   static void replaceChar(char* s, const char* tag, const char oldChar, const char newChar);
   // Appends the profile rname of the working directory to s_rtn_data, line by line.
   caa_Status getProfileContent(const char* rname, std::string& s_rtn_data);
+  // Tells the cluster what happened to a resource's profile: the event `name` with the string
+  // variable "_name". A daemon that cannot be reached is reported, and changes no result.
+  void postProfileEvent(const char* name, const std::string& resource);
   // Runs the script template to make the action script <scr_dir_path>/<fname>.<ext> for bname.
   caa_Status createActionScript(std::string& ascript_fname, std::string& ascript_ext, std::string& resname,
                                 std::string& bname);

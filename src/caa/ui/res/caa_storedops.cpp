@@ -6,6 +6,7 @@
 
 #include "caa/lib/caa_File.h"
 #include "caa/lib/caa_Path.h"
+#include "caa/logger/caa_event.h"
 #include "caa/logger/caa_logger.h"
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
@@ -41,10 +42,9 @@ caa_Status CmdProf::deleteProfile() {
     caa_logger->log(LOG_STDERR, 169, res_str.c_str());
     return caa_WARNING;
   }
-  // EVENT POSTING GOES HERE: the event "sys.zel.clu.vyn.res.profile.delete" with the string
-  // variable "_name" = res_str, posted through the logger once the event client exists. The
-  // file is gone before the event leaves, and a failed post does not change this result.
+  // The file is gone before the event leaves, and a failed post does not change this result.
   // The action script and any backup stay: a delete touches the .cap file only.
+  postProfileEvent(EVENT_PROFILE_DELETE, res_str);
   return caa_SUCCESS;
 }
 

@@ -1,14 +1,94 @@
-// The update of a stored profile. It will reuse the second stage of a create (initParams,
-// procOptArgs); until it is built, the group ends cleanly with status 1.
+// The update of a stored profile: load it, take over only what the command line really gave
+// (a value behind its tag, or a sub-option of "-o"), validate, write it back in place, and tell
+// the cluster. No backup, no action script, no "-f": the defaults of the type never overwrite a
+// stored value, which is what sets an update apart from a create.
 #include <cstdio>
 
+#include "caa/lib/caa_File.h"
+#include "caa/logger/caa_event.h"
+#include "caa/logger/caa_logger.h"
+#include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
 
 namespace CAA {
 
-caa_Status CmdProf::updateProfile(CmdParse&) {
-  std::fprintf(stderr, "vyn_profile: -update is not available in this build.\n");
-  return caa_WARNING;
+void CmdProf::postProfileEvent(const char* name, const std::string& resource) {
+  EvmEvent_t event = nullptr;
+  EvmStatus_t status = EvmEventCreateVa(&event, EvmITEM_NAME, name, EvmITEM_CLUSTER_EVENT, 1, EvmITEM_VAR_STRING,
+                                        "_name", resource.c_str(), EvmITEM_NONE);
+  if (status != EvmERROR_NONE) {
+    char text[100] = "";
+    EvmStatusTextGet(status, text, sizeof text);
+    std::fprintf(stderr, "Failed to create event '%s'\nError: %s\nEvm log has failed.\n", name, text);
+    std::fflush(stderr);
+    if (event != nullptr) EvmEventDestroy(event);
+    return;
+  }
+  caa_logger->log(name, event);
+  EvmEventDestroy(event);
+}
+
+caa_Status CmdProf::updateProfile(CmdParse& cmdparse) {
+  caa_Status ret = caa_SUCCESS;
+  std::string namestr;
+  for (caaArg* arg : arg_list)
+    if (arg->showArgKey() == caa_NAME) namestr = arg->showArgValue();
+
+  // The second scan: no "-f" and no "-t"; the type is the stored profile's.
+  clearArgList(arg_list);
+  arg_list.push_back(new caaTag(1, NOT_ENTERED, tag_update, caa_NONE));
+  arg_list.push_back(new caaTagValue(1, NOT_ENTERED_NEEDED, tag_dir, caa_NONE));
+  arg_list.push_back(new caaTag(1, NOT_ENTERED_NEEDED, tag_quiet, caa_NONE));
+  arg_list.push_back(new caaTagValue(1, NOT_ENTERED_NEEDED, tag_option, caa_PROF_OPTIONAL));
+  arg_list.push_back(new caaValue(1, NOT_ENTERED, caa_NAME));
+
+  CaaFile profile;
+  prepareProfile(namestr, profile);
+  string_Map paramMap;
+  try {
+    Profile::loadProfile(profile.getName(), paramMap);
+  } catch (const X_PROF_InvalidFile&) {
+    caa_logger->log(LOG_STDERR, 181, profile.getName().c_str());
+    ret = caa_WARNING;
+  } catch (const X_PROF_SyntaxError& e) {
+    std::printf("%s\n", e.what().c_str());
+    std::fflush(stdout);
+    ret = caa_WARNING;
+  }
+  if (ret == caa_SUCCESS) ret = initParams(paramMap[caa_TYPE]);
+  if (ret == caa_SUCCESS) {
+    cmdparse.initArgs(arg_list);
+    ret = procOptArgs();
+  }
+  if (ret == caa_SUCCESS) {
+    scan_level_two = true;
+    ret = scanArgs(arg_list);
+  }
+  if (ret != caa_SUCCESS) return ret;
+
+  for (caaArg* arg : arg_list) {
+    const std::string& key = arg->showArgKey();
+    if (arg->showStatus() != ENTERED) continue;
+    if (key == caa_NONE || key == caa_BINARY || key == caa_NAME || key == caa_PROF_OPTIONAL || key == caa_TRASH)
+      continue;
+    paramMap[key] = arg->showArgValue();
+  }
+
+  bool fixup = true;
+  if (!Profile::validateProfile(paramMap, fixup)) {
+    caa_logger->log(LOG_STDERR, 180, profile.getName().c_str());
+    return caa_WARNING;
+  }
+  try {
+    Profile::createProfile(paramMap, profile.getName(), true, false);
+  } catch (const X_PROF& e) {
+    std::printf("%s\n", e.what().c_str());
+    std::fflush(stdout);
+    ret = caa_WARNING;
+  }
+  // The event follows the write, also one that failed: the cluster learns that an update was tried.
+  postProfileEvent(EVENT_PROFILE_UPDATE, namestr);
+  return ret;
 }
 
 }  // namespace CAA
