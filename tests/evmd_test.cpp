@@ -400,3 +400,27 @@ TEST_F(EvmdTest, TcpPostersFindTheDaemonThroughTheRegistry) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(EvmdTest, ATornLogEndIsCutBeforeNewEventsFollow) {
+  // A daemon that died inside a write left one whole block and half of the next.
+  std::filesystem::create_directories(home_.home() + "/log/evm");
+  EvmEvent_t ev = named("sys.zel.test.before");
+  auto b = blockOf(ev);
+  EvmEventDestroy(ev);
+  std::string torn(b.begin(), b.end());
+  torn.append(reinterpret_cast<const char*>(b.data()), b.size() / 2);
+  vyntest::spit(home_.home() + "/log/evm/events.log", torn);
+  Daemon d(home_);
+  ev = named("sys.zel.test.after");
+  EXPECT_EQ(EvmEventPost(nullptr, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+  EXPECT_EQ(d.stop(), 0);
+  auto names = loggedNames(home_);
+  ASSERT_EQ(names.size(), 2u);
+  EXPECT_EQ(names[0], "sys.zel.test.before");
+  EXPECT_EQ(names[1], "sys.zel.test.after");
+}
+
+}  // namespace
