@@ -1,0 +1,99 @@
+#ifndef TESTS_DAEMON_RUNNER_H
+#define TESTS_DAEMON_RUNNER_H
+
+// Runs build/bin/vyn_evmd for a test in a temporary home, and reads back the events it logged
+// as a reader of event files does.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "evm/libevm/evm.h"
+#include "program_runner.h"
+
+namespace vyntest {
+
+class Daemon {
+ public:
+  explicit Daemon(const TempHome& home, std::vector<std::string> args = {}) {
+    int fds[2];
+    if (pipe(fds) != 0) std::abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(fds[1], 1);
+      close(fds[0]);
+      std::vector<std::string> env = {"ZEL_VYN_HOME=" + home.home(), "VYN_IPC_DIR=" + home.root() + "/ipc",
+                                      "VYN_REGISTRY=" + home.root() + "/registry.db", "PATH=/usr/bin:/bin"};
+      std::vector<char*> envp;
+      for (auto& e : env) envp.push_back(&e[0]);
+      envp.push_back(nullptr);
+      std::string prog = binary("vyn_evmd");
+      args.insert(args.begin(), prog);
+      std::vector<char*> argv;
+      for (auto& a : args) argv.push_back(&a[0]);
+      argv.push_back(nullptr);
+      execve(prog.c_str(), argv.data(), envp.data());
+      _exit(98);
+    }
+    close(fds[1]);
+    // The daemon says one line once it listens; the end of the pipe means it gave up.
+    FILE* f = fdopen(fds[0], "r");
+    char line[512] = "";
+    if (std::fgets(line, sizeof line, f) != nullptr) banner_ = line;
+    std::fclose(f);
+  }
+  ~Daemon() {
+    if (pid_ > 0) stop();
+  }
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  const std::string& banner() const { return banner_; }
+  // Stops the daemon (SIGTERM: after the events in hand are written) and gives its exit status.
+  int stop(int sig = SIGTERM) {
+    kill(pid_, sig);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+
+ private:
+  pid_t pid_ = -1;
+  std::string banner_;
+};
+
+// The events of the daemon's log, in order. The caller destroys them.
+inline std::vector<EvmEvent_t> loggedEvents(const TempHome& home) {
+  std::vector<EvmEvent_t> events;
+  int fd = open((home.home() + "/log/evm/events.log").c_str(), O_RDONLY);
+  if (fd < 0) return events;
+  EvmEvent_t ev = nullptr;
+  while (EvmEventReadFD(fd, &ev) == EvmERROR_NONE) events.push_back(ev);
+  close(fd);
+  return events;
+}
+
+inline std::string itemName(EvmEvent_t ev) {
+  EvmItemValue_t v;
+  if (EvmItemGet(ev, EvmITEM_NAME, &v) != EvmERROR_NONE) return "?";
+  std::string name = v.NAME != nullptr ? v.NAME : "";
+  EvmItemRelease(EvmITEM_NAME, v);
+  return name;
+}
+
+inline std::string stringVar(EvmEvent_t ev, const char* var) {
+  EvmVarStruct_t s;
+  if (EvmVarGet(ev, var, &s) != EvmERROR_NONE) return "<missing>";
+  std::string value = s.value.STRING != nullptr ? s.value.STRING : "";
+  EvmVarRelease(&s);
+  return value;
+}
+
+}  // namespace vyntest
+
+#endif
