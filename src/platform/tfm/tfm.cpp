@@ -90,8 +90,8 @@ int tfmpd(char* buf, std::size_t size, const char* fmt, const tfmdsc* list) {
       p = digits;
       ++next;
     }
-    std::string spec = "%";
-    while (*p != '\0' && std::strchr("-+ #0123456789.", *p) != nullptr) spec += *p++;
+    std::string directive = "%";
+    while (*p != '\0' && std::strchr("-+ #0123456789.", *p) != nullptr) directive += *p++;
     while (*p != '\0' && std::strchr("hlLqjzt", *p) != nullptr) ++p;
     if (*p == '\0') break;
     char conv = *p;
@@ -104,13 +104,13 @@ int tfmpd(char* buf, std::size_t size, const char* fmt, const tfmdsc* list) {
       continue;
     }
     if (std::strchr("s", conv) != nullptr && v->type == TFM_TEXT) {
-      std::snprintf(piece, sizeof piece, (spec + "s").c_str(), v->text.c_str());
+      std::snprintf(piece, sizeof piece, (directive + "s").c_str(), v->text.c_str());
     } else if (std::strchr("di", conv) != nullptr && v->type != TFM_TEXT) {
-      std::snprintf(piece, sizeof piece, (spec + "lld").c_str(), v->type == TFM_FLOAT ? static_cast<long long>(v->f) : v->i);
+      std::snprintf(piece, sizeof piece, (directive + "lld").c_str(), v->type == TFM_FLOAT ? static_cast<long long>(v->f) : v->i);
     } else if (std::strchr("uxXo", conv) != nullptr && v->type != TFM_TEXT) {
-      std::snprintf(piece, sizeof piece, (spec + "ll" + conv).c_str(), static_cast<unsigned long long>(v->i));
+      std::snprintf(piece, sizeof piece, (directive + "ll" + conv).c_str(), static_cast<unsigned long long>(v->i));
     } else if (std::strchr("feEgG", conv) != nullptr && v->type == TFM_FLOAT) {
-      std::snprintf(piece, sizeof piece, (spec + conv).c_str(), v->f);
+      std::snprintf(piece, sizeof piece, (directive + conv).c_str(), v->f);
     } else {
       rc = -1;
       out.append(start, p + 1);
