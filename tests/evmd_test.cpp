@@ -20,57 +20,14 @@
 #include "evm/libevm/evm.h"
 #include "platform/host/utlhost.h"
 #include "platform/registry/prvrg.h"
+#include "daemon_runner.h"
 #include "program_runner.h"
 
 namespace {
 
 const char* kDaemon = "(ADDRESS=(PROTOCOL=ipc)(KEY=SYSTEM.evm.acceptor.auth))";
 
-class Daemon {
- public:
-  Daemon(const vyntest::TempHome& home, std::vector<std::string> args = {}) {
-    int fds[2];
-    if (pipe(fds) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(fds[1], 1);
-      close(fds[0]);
-      std::vector<std::string> env = {"ZEL_VYN_HOME=" + home.home(), "VYN_IPC_DIR=" + home.root() + "/ipc",
-                                      "VYN_REGISTRY=" + home.root() + "/registry.db", "PATH=/usr/bin:/bin"};
-      std::vector<char*> envp;
-      for (auto& e : env) envp.push_back(&e[0]);
-      envp.push_back(nullptr);
-      std::string prog = vyntest::binary("vyn_evmd");
-      args.insert(args.begin(), prog);
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back(&a[0]);
-      argv.push_back(nullptr);
-      execve(prog.c_str(), argv.data(), envp.data());
-      _exit(98);
-    }
-    close(fds[1]);
-    // The daemon says one line once it listens; the end of the pipe means it gave up.
-    FILE* f = fdopen(fds[0], "r");
-    char line[512] = "";
-    if (std::fgets(line, sizeof line, f) != nullptr) banner_ = line;
-    std::fclose(f);
-  }
-  ~Daemon() {
-    if (pid_ > 0) stop();
-  }
-  const std::string& banner() const { return banner_; }
-  int stop(int sig = SIGTERM) {
-    kill(pid_, sig);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
-
- private:
-  pid_t pid_ = -1;
-  std::string banner_;
-};
+using vyntest::Daemon;
 
 // Reads the daemon's log back as a reader of event files does.
 std::vector<std::string> loggedNames(const vyntest::TempHome& home) {
