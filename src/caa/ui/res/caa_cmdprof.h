@@ -85,6 +85,8 @@ class CmdProf : public Cmds {
   static void replaceChar(char* s, const char* tag, const char oldChar, const char newChar);
   // Appends the profile rname of the working directory to s_rtn_data, line by line.
   caa_Status getProfileContent(const char* rname, std::string& s_rtn_data);
+  // The profile a create is to write: refused if it exists, unless "-f", which renews its backup.
+  caa_Status prepareNewProfile(const std::string& namestr, CaaFile& profile);
   // Tells the cluster what happened to a resource's profile: the event `name` with the string
   // variable "_name". A daemon that cannot be reached is reported, and changes no result.
   void postProfileEvent(const char* name, const std::string& resource);

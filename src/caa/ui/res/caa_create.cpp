@@ -28,6 +28,26 @@ std::string valueOf(arg_List& list, const std::string& key) {
 
 }  // namespace
 
+caa_Status CmdProf::prepareNewProfile(const std::string& namestr, CaaFile& profile) {
+  prepareProfile(namestr, profile);
+  if (profile.getName().empty()) {
+    caa_logger->log(LOG_STDERR, FIL_FAILURE);
+    return caa_WARNING;
+  }
+  if (profile.exists()) {
+    if (!force_mode) {
+      caa_logger->log(LOG_STDERR, 162, profile.getName().c_str());
+      return caa_WARNING;
+    }
+    // One backup, the latest: it replaces an earlier one.
+    if (!profile.createBackup(Path::BACKUP_EXT)) {
+      caa_logger->log(LOG_STDERR, 168);
+      return caa_WARNING;
+    }
+  }
+  return caa_SUCCESS;
+}
+
 caa_Status CmdProf::createActionScript(std::string& ascript_fname, std::string& ascript_ext, std::string& resname,
                                        std::string& bname) {
   CaaScript script(ascript_fname.c_str(), ascript_ext.c_str(), bname.c_str(), force_mode, caa_logger,
@@ -83,21 +103,7 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
   binary_str = valueOf(arg_list, caa_BINARY);
   action_script_str = valueOf(arg_list, caa_ACTION_SCRIPT);
 
-  prepareProfile(namestr, profile);
-  if (profile.getName().empty()) {
-    caa_logger->log(LOG_STDERR, FIL_FAILURE);
-    return caa_WARNING;
-  }
-  if (profile.exists()) {
-    if (!force_mode) {
-      caa_logger->log(LOG_STDERR, 162, profile.getName().c_str());
-      return caa_WARNING;
-    }
-    if (!profile.createBackup(Path::BACKUP_EXT)) {
-      caa_logger->log(LOG_STDERR, 168);
-      return caa_WARNING;
-    }
-  }
+  if (prepareNewProfile(namestr, profile) != caa_SUCCESS) return caa_WARNING;
 
   if (action_script_str.empty()) {
     action_script_fname = namestr;
@@ -166,21 +172,7 @@ caa_Status CmdProf::inputProfile() {
   std::string inputstr = valueOf(arg_list, caa_INPUT);
   string_Map paramMap;
 
-  prepareProfile(namestr, profile);
-  if (profile.getName().empty()) {
-    caa_logger->log(LOG_STDERR, FIL_FAILURE);
-    return caa_WARNING;
-  }
-  if (profile.exists()) {
-    if (!force_mode) {
-      caa_logger->log(LOG_STDERR, 162, profile.getName().c_str());
-      return caa_WARNING;
-    }
-    if (!profile.createBackup(Path::BACKUP_EXT)) {
-      caa_logger->log(LOG_STDERR, 168);
-      return caa_WARNING;
-    }
-  }
+  if (prepareNewProfile(namestr, profile) != caa_SUCCESS) return caa_WARNING;
   int rooted = 0;
   osrec ose;
   if (osl_path_is_rooted(&ose, 0, inputstr.c_str(), &rooted) != 0) {
