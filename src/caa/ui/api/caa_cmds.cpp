@@ -53,6 +53,12 @@ int Cmds::parse(char* str, const char** p, int max_size, char d) {
   return fields;
 }
 
+std::string Cmds::argValue(const std::string& key) const {
+  for (caaArg* arg : arg_list)
+    if (arg->showArgKey() == key) return arg->showArgValue();
+  return std::string();
+}
+
 void Cmds::display() {
   caa_logger->setLogRoute(LOG_STDOUT);
   caa_logger->setEventName("sys.zel.clu.vyn.log.ui");

@@ -119,6 +119,9 @@ class Cmds {
   caa_Status constructPaths();
   void showDeprecatedMessage(const char* pParam);
 
+  // The value of the first argument object with the key, or the empty text.
+  std::string argValue(const std::string& key) const;
+
   bool isQuiet() const { return quiet_mode; }
   bool isForced() const { return force_mode; }
   int groupId() const { return group_id; }

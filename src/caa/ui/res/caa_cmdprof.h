@@ -76,6 +76,10 @@ class CmdProf : public Cmds {
   // hands the switches to uploadArgList, which appends plain options to arg_list (closed by a
   // caaTrash) and the sub-options of "-o" to opt_list.
   caa_Status initParams(const std::string& type);
+  // The second scan of a create or an update: the options of the type join the group just
+  // built, the line is read again, "-o" is taken apart, and the group is judged, reporting
+  // every token that nothing took.
+  caa_Status scanTypeOptions(const std::string& type, CmdParse& cmdparse);
   caa_Status uploadArgList(string_Map& p_map);
   // Takes the "-o" text apart into the sub-options, then moves them into arg_list in front of
   // its closing object.

@@ -19,12 +19,6 @@ namespace {
 
 const char* const FIL_FAILURE = "FIL failure while generating the name of the profile file";
 
-// The value of the first object with the key, or the empty text.
-std::string valueOf(arg_List& list, const std::string& key) {
-  for (caaArg* arg : list)
-    if (arg->showArgKey() == key) return arg->showArgValue();
-  return std::string();
-}
 
 }  // namespace
 
@@ -69,8 +63,8 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
   caa_Status ret = caa_SUCCESS;
   const std::string caa_DESCRIPTION = "DESCRIPTION";
   CaaFile profile;
-  std::string namestr = valueOf(arg_list, caa_NAME);
-  std::string typestr = valueOf(arg_list, caa_TYPE);
+  std::string namestr = argValue(caa_NAME);
+  std::string typestr = argValue(caa_TYPE);
   std::string binary_str, action_script_str, action_script_fname, action_script_ext;
   string_Map paramMap;
   bool as_created = false;
@@ -90,18 +84,10 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
   arg_list.push_back(new caaTag(1, NOT_ENTERED_NEEDED, tag_force, caa_NONE));
   arg_list.push_back(new caaTag(1, NOT_ENTERED_NEEDED, tag_quiet, caa_NONE));
   arg_list.push_back(new caaTagValue(1, NOT_ENTERED_NEEDED, tag_option, caa_PROF_OPTIONAL));
-  ret = initParams(typestr);
-  if (ret == caa_SUCCESS) {
-    cmdparse.initArgs(arg_list);
-    ret = procOptArgs();
-  }
-  if (ret == caa_SUCCESS) {
-    scan_level_two = true;
-    ret = scanArgs(arg_list);
-  }
+  ret = scanTypeOptions(typestr, cmdparse);
   if (ret != caa_SUCCESS) return ret;
-  binary_str = valueOf(arg_list, caa_BINARY);
-  action_script_str = valueOf(arg_list, caa_ACTION_SCRIPT);
+  binary_str = argValue(caa_BINARY);
+  action_script_str = argValue(caa_ACTION_SCRIPT);
 
   if (prepareNewProfile(namestr, profile) != caa_SUCCESS) return caa_WARNING;
 
@@ -168,8 +154,8 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
 caa_Status CmdProf::inputProfile() {
   caa_Status ret = caa_SUCCESS;
   CaaFile profile;
-  std::string namestr = valueOf(arg_list, caa_NAME);
-  std::string inputstr = valueOf(arg_list, caa_INPUT);
+  std::string namestr = argValue(caa_NAME);
+  std::string inputstr = argValue(caa_INPUT);
   string_Map paramMap;
 
   if (prepareNewProfile(namestr, profile) != caa_SUCCESS) return caa_WARNING;

@@ -17,11 +17,6 @@ namespace CAA {
 
 namespace {
 
-std::string valueOf(arg_List& list, const std::string& key) {
-  for (caaArg* arg : list)
-    if (arg->showArgKey() == key) return arg->showArgValue();
-  return std::string();
-}
 
 void listFailure(const osrec& ose) {
   std::printf("CmdProf::listProfile \n  %s", osrecFormat(ose).c_str());
@@ -31,7 +26,7 @@ void listFailure(const osrec& ose) {
 }  // namespace
 
 caa_Status CmdProf::deleteProfile() {
-  std::string res_str = valueOf(arg_list, caa_RESOURCE);
+  std::string res_str = argValue(caa_RESOURCE);
   CaaFile profile;
   prepareProfile(res_str, profile);
   if (!profile.exists()) {
@@ -147,7 +142,7 @@ caa_Status CmdProf::listProfile() {
 }
 
 caa_Status CmdProf::validateProfile() {
-  std::string namestr = valueOf(arg_list, caa_NAME);
+  std::string namestr = argValue(caa_NAME);
   CaaFile profile;
   prepareProfile(namestr, profile);
   bool ret_code = false;

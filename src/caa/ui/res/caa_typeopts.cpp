@@ -27,6 +27,19 @@ const int OPT_MAX_SPLITS = 20;
 
 }  // namespace
 
+caa_Status CmdProf::scanTypeOptions(const std::string& type, CmdParse& cmdparse) {
+  caa_Status ret = initParams(type);
+  if (ret == caa_SUCCESS) {
+    cmdparse.initArgs(arg_list);
+    ret = procOptArgs();
+  }
+  if (ret == caa_SUCCESS) {
+    scan_level_two = true;
+    ret = scanArgs(arg_list);
+  }
+  return ret;
+}
+
 caa_Status CmdProf::initParams(const std::string& type) {
   AttrMap amap;
   if (CaaTemplate::readTDF(type, amap) == 1) {

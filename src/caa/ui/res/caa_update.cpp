@@ -30,9 +30,7 @@ void CmdProf::postProfileEvent(const char* name, const std::string& resource) {
 
 caa_Status CmdProf::updateProfile(CmdParse& cmdparse) {
   caa_Status ret = caa_SUCCESS;
-  std::string namestr;
-  for (caaArg* arg : arg_list)
-    if (arg->showArgKey() == caa_NAME) namestr = arg->showArgValue();
+  std::string namestr = argValue(caa_NAME);
 
   // The second scan: no "-f" and no "-t"; the type is the stored profile's.
   clearArgList(arg_list);
@@ -55,15 +53,7 @@ caa_Status CmdProf::updateProfile(CmdParse& cmdparse) {
     std::fflush(stdout);
     ret = caa_WARNING;
   }
-  if (ret == caa_SUCCESS) ret = initParams(paramMap[caa_TYPE]);
-  if (ret == caa_SUCCESS) {
-    cmdparse.initArgs(arg_list);
-    ret = procOptArgs();
-  }
-  if (ret == caa_SUCCESS) {
-    scan_level_two = true;
-    ret = scanArgs(arg_list);
-  }
+  if (ret == caa_SUCCESS) ret = scanTypeOptions(paramMap[caa_TYPE], cmdparse);
   if (ret != caa_SUCCESS) return ret;
 
   for (caaArg* arg : arg_list) {
