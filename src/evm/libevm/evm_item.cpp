@@ -91,6 +91,19 @@ void freePackage(EvmItemPkg_t* pkg, unsigned char* local) {
   if (pkg != nullptr && reinterpret_cast<unsigned char*>(pkg) != local) std::free(pkg);
 }
 
+// Builds the package of an item list (on the stack when it is small), hands it to `apply`,
+// and frees it.
+template <typename Apply>
+EvmStatus_t withPackage(va_list* ap, Apply apply) {
+  alignas(16) unsigned char local[kLocalPackage];
+  EvmItemPkg_t* pkg = nullptr;
+  EvmStatus_t st = buildPackage(ap, local, &pkg);
+  if (st != EvmERROR_NONE) return st;
+  st = apply(pkg);
+  freePackage(pkg, local);
+  return st;
+}
+
 // Removes dead records (ident 0) in one pass, moving the rest down.
 void compactBody(EvmEventHead_t* head) {
   std::uint64_t end = head->control.size;
@@ -313,15 +326,10 @@ EvmStatus_t EvmEventCreateVa(EvmEvent_t* event, ...) {
     EvmLog_C_module_error(EvmDL2, "EvmEventCreateVa - illegal argument *event (NULL).");
     return EvmERROR_INVALID_ARGUMENT;
   }
-  alignas(16) unsigned char local[kLocalPackage];
-  EvmItemPkg_t* pkg = nullptr;
   va_list ap;
   va_start(ap, event);
-  EvmStatus_t st = buildPackage(&ap, local, &pkg);
+  EvmStatus_t st = withPackage(&ap, [event](EvmItemPkg_t* pkg) { return _evmEventCreateFromItemPkg(event, pkg); });
   va_end(ap);
-  if (st != EvmERROR_NONE) return st;
-  st = _evmEventCreateFromItemPkg(event, pkg);
-  freePackage(pkg, local);
   return st;
 }
 
@@ -330,15 +338,10 @@ EvmStatus_t EvmItemSetVa(EvmEvent_t event, ...) {
     EvmLog_C_module_error(EvmDL2, "EvmItemSetVa - bad argument.");
     return EvmERROR_INVALID_ARGUMENT;
   }
-  alignas(16) unsigned char local[kLocalPackage];
-  EvmItemPkg_t* pkg = nullptr;
   va_list ap;
   va_start(ap, event);
-  EvmStatus_t st = buildPackage(&ap, local, &pkg);
+  EvmStatus_t st = withPackage(&ap, [event](EvmItemPkg_t* pkg) { return setFromPackage(event, pkg); });
   va_end(ap);
-  if (st != EvmERROR_NONE) return st;
-  st = setFromPackage(event, pkg);
-  freePackage(pkg, local);
   return st;
 }
 
