@@ -3,12 +3,17 @@
 #include <fcntl.h>
 #include <libgen.h>
 #include <sys/stat.h>
+#include <dirent.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+
+#include "platform/osl/osl_fd.h"
 
 namespace {
 
@@ -39,11 +44,86 @@ int writeAll(int fd, const char* data, std::size_t length) {
 int syncDirOf(const std::string& path) {
   std::string copy = path;
   std::string dir = dirname(&copy[0]);
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd < 0) return -1;
-  int rc = fsync(fd);
-  close(fd);
-  return rc;
+  OslFd fd(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd) return -1;
+  return fsync(fd.get());
+}
+
+
+const char* const TEMP_MARK = ".tmp.";
+
+// Whether `name` is a temporary name of ptu_replaceFile, and the pid of its writer.
+bool tempOwner(const char* name, pid_t* pid) {
+  std::size_t len = std::strlen(name);
+  std::size_t mark = std::strlen(TEMP_MARK);
+  if (len < 1 + mark + 1 || name[0] != '.') return false;
+  std::size_t digits = len;
+  while (digits > 0 && name[digits - 1] >= '0' && name[digits - 1] <= '9') --digits;
+  if (digits == len || len - digits > 9 || digits < 1 + mark) return false;
+  if (std::strncmp(name + digits - mark, TEMP_MARK, mark) != 0) return false;
+  *pid = static_cast<pid_t>(std::atol(name + digits));
+  return *pid > 0;
+}
+
+// What a new file is to look like: its mode, and the owner and group of the file it replaces or
+// copies. `strict`: an owner that cannot be kept is a failure, not a loss.
+struct Attributes {
+  unsigned mode;
+  bool keep_owner;
+  uid_t uid;
+  gid_t gid;
+  bool strict;
+};
+
+// Opens a new temporary file for `path`. One left by an earlier process that had our pid is ours
+// to remove; anything else of that name (a link, another user's file) makes the write fail.
+int openTemp(const std::string& tmp) {
+  int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  int fd = open(tmp.c_str(), flags, 0600);
+  if (fd >= 0 || errno != EEXIST) return fd;
+  struct stat st;
+  if (lstat(tmp.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid()) {
+    errno = EEXIST;
+    return -1;
+  }
+  if (unlink(tmp.c_str()) != 0) return -1;
+  return open(tmp.c_str(), flags, 0600);
+}
+
+int writeBeside(const std::string& path, const std::string& data, const Attributes& attrs, bool overwrite) {
+  std::string tmp = ptu_tempName(path);
+  OslFd fd(openTemp(tmp));
+  if (!fd) return -1;
+  int rc = 0;
+  struct stat now;
+  if (fstat(fd.get(), &now) != 0) rc = -1;
+  if (rc == 0 && attrs.keep_owner && (now.st_uid != attrs.uid || now.st_gid != attrs.gid) &&
+      fchown(fd.get(), attrs.uid, attrs.gid) != 0 && attrs.strict) {
+    rc = -1;
+    errno = EPERM;
+  }
+  // The mode comes after the owner, as a change of owner clears the set-id bits.
+  if (rc == 0 && (fchmod(fd.get(), static_cast<mode_t>(attrs.mode)) != 0 || writeAll(fd.get(), data.data(), data.size()) != 0 ||
+                  fsync(fd.get()) != 0))
+    rc = -1;
+  int saved = errno;
+  if (fd.close() != 0 && rc == 0) {
+    rc = -1;
+    saved = errno;
+  }
+  // Without overwrite the name is taken by link, which fails if it exists: a test before a rename
+  // would let two writers both believe they made the file.
+  if (rc == 0 && (overwrite ? rename(tmp.c_str(), path.c_str()) : link(tmp.c_str(), path.c_str())) != 0) {
+    rc = -1;
+    saved = errno;
+  }
+  if (rc != 0 || !overwrite) unlink(tmp.c_str());
+  if (rc != 0) {
+    errno = saved;
+    return -1;
+  }
+  syncDirOf(path);
+  return 0;
 }
 
 }  // namespace
@@ -133,47 +213,65 @@ int Osfpfn(char* name, char* dir, char* ext, char* version, const char* path, os
 
 int OsfRemove(const char* path) { return (path != nullptr && unlink(path) == 0) ? 0 : -1; }
 
-int ptu_replaceFile(const std::string& path, const std::string& data, unsigned mode) {
-  std::string tmp = path + ".tmpXXXXXX";
-  int fd = mkstemp(&tmp[0]);
-  if (fd < 0) return -1;
-  int rc = 0;
-  if (fchmod(fd, static_cast<mode_t>(mode & ~0u)) != 0 || writeAll(fd, data.data(), data.size()) != 0 ||
-      fsync(fd) != 0)
-    rc = -1;
-  int saved = errno;
-  if (close(fd) != 0 && rc == 0) {
-    rc = -1;
-    saved = errno;
-  }
-  if (rc == 0 && rename(tmp.c_str(), path.c_str()) != 0) {
-    rc = -1;
-    saved = errno;
-  }
-  if (rc != 0) {
-    unlink(tmp.c_str());
-    errno = saved;
+std::string ptu_tempName(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  std::string dir = slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  return dir + "." + base + TEMP_MARK + std::to_string(getpid());
+}
+
+int ptu_replaceFile(const std::string& path, const std::string& data, unsigned mode, bool overwrite) {
+  struct stat old;
+  bool had = lstat(path.c_str(), &old) == 0;
+  if (had && !overwrite) {
+    errno = EEXIST;
     return -1;
   }
-  syncDirOf(path);
-  return 0;
+  if (had && !S_ISREG(old.st_mode)) {
+    errno = EPERM;
+    return -1;
+  }
+  Attributes attrs{had ? old.st_mode & 07777 : mode, had, had ? old.st_uid : 0, had ? old.st_gid : 0, true};
+  return writeBeside(path, data, attrs, overwrite);
 }
 
 int ptu_copyFile(const std::string& source, const std::string& dest) {
-  int fd = open(source.c_str(), O_RDONLY);
-  if (fd < 0) return PTU_ERR_NOROOM;
+  OslFd fd(open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) return PTU_ERR_NOROOM;
   struct stat st;
+  if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return PTU_ERR_NOROOM;
   std::string data;
   char buf[65536];
-  bool ok = fstat(fd, &st) == 0;
-  while (ok) {
-    ssize_t n = read(fd, buf, sizeof buf);
+  for (;;) {
+    ssize_t n = read(fd.get(), buf, sizeof buf);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) ok = false;
-    if (n <= 0) break;
+    if (n < 0) return PTU_ERR_NOROOM;
+    if (n == 0) break;
     data.append(buf, static_cast<std::size_t>(n));
   }
-  close(fd);
-  if (!ok) return PTU_ERR_NOROOM;
-  return ptu_replaceFile(dest, data, st.st_mode & 07777) == 0 ? PTU_SUCC : PTU_ERR_NOROOM;
+  // A copy is a fresh file: it takes the source's attributes, not those of an earlier copy, and
+  // a caller who may not give it the source's owner still gets the copy.
+  Attributes attrs{st.st_mode & 07777, true, st.st_uid, st.st_gid, false};
+  return writeBeside(dest, data, attrs, true) == 0 ? PTU_SUCC : PTU_ERR_NOROOM;
+}
+
+int ptu_removeStaleTemps(const std::string& dir) {
+  OslFd dfd(open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dfd) return 0;
+  // The stream gets a descriptor of its own, so that dfd stays the one owner of dfd.
+  DIR* d = fdopendir(dup(dfd.get()));
+  if (d == nullptr) return 0;
+  int removed = 0;
+  uid_t me = geteuid();
+  while (struct dirent* e = readdir(d)) {
+    pid_t pid = 0;
+    if (!tempOwner(e->d_name, &pid) || pid == getpid()) continue;
+    struct stat st;
+    if (fstatat(dfd.get(), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (!S_ISREG(st.st_mode) || st.st_uid != me) continue;
+    if (kill(pid, 0) == 0 || errno != ESRCH) continue;
+    if (unlinkat(dfd.get(), e->d_name, 0) == 0) ++removed;
+  }
+  closedir(d);
+  return removed;
 }

@@ -32,10 +32,26 @@ int Osfpfn(char* name, char* dir, char* ext, char* version, const char* path, os
 // Removes a file: 0 when it was removed.
 int OsfRemove(const char* path);
 
-// Writes `data` to a new file beside `path`, syncs it and renames it over `path`, so that a
-// reader sees either the old content or the new, never a part. 0, or -1 with errno set.
-int ptu_replaceFile(const std::string& path, const std::string& data, unsigned mode);
-// Copies `source` over `dest` the same way. 0, or PTU_ERR_NOROOM on failure.
+// Writes `data` to a new file beside `path`, syncs it and moves it to `path`, so that a reader
+// sees either the old content or the new, never a part. The new file is named
+// ".<name>.tmp.<pid>" while it is being written, so that one a killed writer leaves behind is
+// recognised and removed by ptu_removeStaleTemps.
+// A file that is replaced hands its owner, group and mode on to its successor; `mode` is that of
+// a file that did not exist. When the owner cannot be kept (a caller who is not the superuser
+// replacing another user's file), or `path` names something other than a regular file, nothing
+// is changed and the result is -1 with errno EPERM.
+// With `overwrite` false the new file is linked to `path` only if no file has that name: the
+// result is then -1 with errno EEXIST, and the file that stands is untouched.
+// 0, or -1 with errno set; the temporary file is gone either way.
+int ptu_replaceFile(const std::string& path, const std::string& data, unsigned mode, bool overwrite = true);
+// Copies `source` over `dest` the same way, with the mode, and where the caller may, the owner
+// and group of `source`. 0, or PTU_ERR_NOROOM on failure.
 int ptu_copyFile(const std::string& source, const std::string& dest);
+// The name ptu_replaceFile writes `path` under before it moves it into place.
+std::string ptu_tempName(const std::string& path);
+// Removes from `dir` the temporary files of writers that are gone: names of the form
+// ".<name>.tmp.<pid>" whose process no longer runs, and only regular files owned by the caller;
+// a symbolic link is never followed. The number removed.
+int ptu_removeStaleTemps(const std::string& dir);
 
 #endif
