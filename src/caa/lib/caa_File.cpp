@@ -26,20 +26,20 @@ std::string compose(const std::string& dir, const std::string& name, const std::
 
 }  // namespace
 
-CaaFile::CaaFile() : caa_logger(nullptr), fd(-1) {}
-CaaFile::CaaFile(const std::string& fname) : caa_logger(nullptr), filename(fname), fd(-1) {}
-CaaFile::CaaFile(const std::string& fname, CaaLogger* logger) : caa_logger(logger), filename(fname), fd(-1) {}
+CaaFile::CaaFile() : caa_logger(nullptr) {}
+CaaFile::CaaFile(const std::string& fname) : caa_logger(nullptr), filename(fname) {}
+CaaFile::CaaFile(const std::string& fname, CaaLogger* logger) : caa_logger(logger), filename(fname) {}
 CaaFile::CaaFile(const std::string& pname, const std::string& fname, const std::string& ext)
-    : caa_logger(nullptr), filename(compose(pname, fname, ext)), fd(-1) {}
+    : caa_logger(nullptr), filename(compose(pname, fname, ext)) {}
 CaaFile::CaaFile(const std::string& pname, const std::string& fname, const std::string& ext, CaaLogger* logger)
-    : caa_logger(logger), filename(compose(pname, fname, ext)), fd(-1) {}
+    : caa_logger(logger), filename(compose(pname, fname, ext)) {}
 CaaFile::~CaaFile() = default;
 
 bool CaaFile::exists() const { return ptu_fileExists(filename.c_str()) == 0; }
 
 int CaaFile::openFile(const int& type, const mode_t& mode) {
-  fd = open(filename.c_str(), type, mode);
-  return fd < 0 ? -1 : fd;
+  fd.reset(open(filename.c_str(), type | O_CLOEXEC, mode));
+  return fd.valid() ? fd.get() : -1;
 }
 
 int CaaFile::readFile(int& ifd, std::string& str) {
@@ -61,9 +61,18 @@ int CaaFile::readFile(int& ifd, std::string& str) {
   return static_cast<int>(got);
 }
 
-int CaaFile::closeFile() { return close(fd); }
+int CaaFile::closeFile() {
+  if (!fd.valid()) {
+    errno = EBADF;
+    return -1;
+  }
+  return fd.close();
+}
 
-int CaaFile::closeFile(int& ifd) { return close(ifd); }
+int CaaFile::closeFile(int& ifd) {
+  if (fd.valid() && ifd == fd.get()) return fd.close();
+  return close(ifd);
+}
 
 bool CaaFile::remove() { return OsfRemove(filename.c_str()) == 0; }
 

@@ -2,10 +2,13 @@
 #define CAA_LIB_CAA_FILE_H
 
 // One named file with the few operations the command needs: existence, open, whole-file read,
-// close, removal and backup. The destructor does not close the descriptor.
+// close, removal and backup. The file owns the descriptor it opens: it is closed by closeFile or,
+// on any other way out, by the destructor. So a CaaFile is moved, never copied.
 #include <sys/types.h>
 
 #include <string>
+
+#include "platform/osl/osl_fd.h"
 
 namespace CAA {
 
@@ -19,18 +22,22 @@ class CaaFile {
   // dir/name.ext; no dot for an empty extension.
   CaaFile(const std::string& pname, const std::string& fname, const std::string& ext);
   CaaFile(const std::string& pname, const std::string& fname, const std::string& ext, CaaLogger* logger);
-  CaaFile(const CaaFile&) = default;
-  CaaFile& operator=(const CaaFile&) = default;
+  CaaFile(CaaFile&&) = default;
+  CaaFile& operator=(CaaFile&&) = default;
+  CaaFile(const CaaFile&) = delete;
+  CaaFile& operator=(const CaaFile&) = delete;
   virtual ~CaaFile();
 
   std::string getName() const { return filename; }
   bool exists() const;
-  // open(2) of the file; the descriptor, or -1. The result is kept in fd.
+  // open(2) of the file; the descriptor, or -1. The file keeps the descriptor (a second open
+  // closes the first) and lends it out: callers never close it themselves.
   int openFile(const int& type, const mode_t& mode);
   // Appends the whole content of ifd to str, as a text that ends at its first zero byte.
   // The number of bytes read, or -1 with str unchanged.
   int readFile(int& ifd, std::string& str);
   int closeFile();
+  // Closes ifd; the file's own descriptor is closed through its owner, once.
   int closeFile(int& ifd);
   bool remove();
   // Copies the file beside itself with backup_ext in place of its extension; a second backup
@@ -42,9 +49,9 @@ class CaaFile {
   // The first line into buf: 0, or 1 ("Can't open file %s\n" when the open fails).
   int readl(char* buf, int size);
   // Opens for appending, created if missing: the descriptor, or a negative value after a line
-  // on standard error.
+  // on standard error. This descriptor is the caller's to close.
   int getFD();
-  int getDescriptor() const { return fd; }
+  int getDescriptor() const { return fd.get(); }
 
   bool operator==(const CaaFile& other) const { return filename == other.filename; }
   bool operator!=(const CaaFile& other) const { return filename != other.filename; }
@@ -52,7 +59,7 @@ class CaaFile {
  private:
   CaaLogger* caa_logger;
   std::string filename;
-  int fd;
+  OslFd fd;
 };
 
 }  // namespace CAA

@@ -107,5 +107,26 @@ TEST(PathTest, FillsTheTableBelowTheHome) {
   EXPECT_EQ(tooLong.initializePaths(), -2);
 }
 
+TEST_F(CaaFileTest, TheFileOwnsItsDescriptorOnEveryWayOut) {
+  write("a.cap", "NAME=a\n");
+  int fd = -1;
+  {
+    CaaFile f(dir_, "a", "cap");
+    fd = f.openFile(O_RDONLY, 0666);
+    ASSERT_GE(fd, 0);
+    CaaFile moved = std::move(f);
+    EXPECT_EQ(moved.getDescriptor(), fd);
+  }
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1) << "closed when the file went out of scope";
+
+  CaaFile g(dir_, "a", "cap");
+  int first = g.openFile(O_RDONLY, 0666);
+  int second = g.openFile(O_RDONLY, 0666);
+  ASSERT_GE(second, 0);
+  if (first != second) EXPECT_EQ(fcntl(first, F_GETFD), -1) << "a second open closes the first";
+  EXPECT_EQ(g.closeFile(second), 0);
+  EXPECT_EQ(g.closeFile(), -1) << "closed once, through its owner";
+}
+
 }  // namespace
 }  // namespace CAA

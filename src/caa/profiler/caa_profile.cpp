@@ -1,12 +1,17 @@
 #include "caa/profiler/caa_profile.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <memory>
 
 #include "caa/lib/caa_File.h"
 #include "caa/lib/caa_Path.h"
 #include "caa/profiler/caa_template.h"
+#include "platform/osl/osl_fd.h"
 #include "platform/ptu/ptu.h"
 #include "platform/tfm/tfm.h"
 
@@ -14,9 +19,10 @@ namespace CAA {
 
 namespace {
 
-// fgets is given one byte less than the buffer, so a piece holds at most 10238 characters.
-const int READ_BUF_LEN = 10240;
-const int READ_LIMIT = READ_BUF_LEN - 1;
+// fgets is given one byte less than the buffer, so a piece holds at most
+// VYN_PROFILE_LINE_MAXLEN characters.
+const int READ_BUF_LEN = VYN_PROFILE_VALUE_MAXLEN;
+const int READ_LIMIT = VYN_PROFILE_LINE_MAXLEN + 1;
 // The syntax error text, and the quoted line within it, fit this buffer.
 const std::size_t ERROR_BUF_LEN = 10240;
 const std::size_t MESG_BUF_LEN = 1024;
@@ -94,8 +100,23 @@ bool Profile::numeric(const char* text) {
   return true;
 }
 
+namespace {
+
+// Opens a file to be read as a profile. Only a regular file is one: a FIFO or a device would
+// never end or never come, so the open does not wait, and anything else is refused.
+FILE* openRegular(const std::string& file) {
+  OslFd fd(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!fd || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
+  FILE* fp = fdopen(fd.get(), "r");
+  if (fp != nullptr) fd.release();
+  return fp;
+}
+
+}  // namespace
+
 void Profile::loadProfile(const std::string& file, string_Map& contents) {
-  std::unique_ptr<FILE, FileCloser> fp(std::fopen(file.c_str(), "r"));
+  std::unique_ptr<FILE, FileCloser> fp(openRegular(file));
   if (!fp) throw X_PROF_InvalidFile(located(file, __LINE__));
   int lineno = 0;
   std::string s;
@@ -141,9 +162,9 @@ void Profile::createProfile(string_Map& contents, const std::string& destFile, b
   if (!name.empty() && temp) throw X_PROF(located("NAME field may not be set for a template", __LINE__));
   if (type.empty()) throw X_PROF(located("TYPE field must be set", __LINE__));
   CaaFile file = destFile.empty() ? CaaFile(Path::profile_path, name, Path::PROFILE_EXT) : CaaFile(destFile);
-  if (file.exists() && !overwrite) throw X_PROF_InvalidFile(located(file.getName(), __LINE__));
+  if (file.exists() && !overwrite) throw X_PROF_Exists(located(file.getName(), __LINE__));
   mergeProfile(type, contents);
-  writeProfile(file.getName(), contents);
+  writeProfile(file.getName(), contents, overwrite);
 }
 
 std::string Profile::formatProfile(const string_Map& contents) {
@@ -162,9 +183,34 @@ std::string Profile::formatProfile(const string_Map& contents) {
   return text;
 }
 
-void Profile::writeProfile(const std::string& file, string_Map contents) {
-  if (ptu_replaceFile(file, formatProfile(contents), 0644) != 0) {
-    char mesg[MESG_BUF_LEN];
+std::size_t Profile::valueRoom(const std::string& name) {
+  std::size_t used = name.size() + 1;
+  return used >= static_cast<std::size_t>(VYN_PROFILE_LINE_MAXLEN) ? 0 : VYN_PROFILE_LINE_MAXLEN - used;
+}
+
+EntryFault Profile::entryFault(const std::string& name, const std::string& value) {
+  // The reader trims the name, upper-cases it, and splits the line at its first "=".
+  if (name.empty() || name.size() >= static_cast<std::size_t>(VYN_PROFILE_NAME_MAXLEN) ||
+      name.find_first_of(std::string("=\n\0", 3)) != std::string::npos || name[0] == '#' || isBlank(name[0]) ||
+      isBlank(name.back()))
+    return ENTRY_BAD_NAME;
+  if (value.find_first_of(std::string("\n\0", 2)) != std::string::npos) return ENTRY_LINE_BREAK;
+  if (value.size() > valueRoom(name)) return ENTRY_TOO_LONG;
+  std::size_t last = value.find_last_not_of(" \t");
+  if (last != std::string::npos && value[last] == '\\') return ENTRY_CONTINUED;
+  return ENTRY_OK;
+}
+
+void Profile::writeProfile(const std::string& file, string_Map contents, bool overwrite) {
+  char mesg[MESG_BUF_LEN];
+  for (const auto& entry : contents) {
+    if (entryFault(entry.first, entry.second) == ENTRY_OK) continue;
+    sfmprintf(mesg, sizeof mesg, "Error creating profile file %s: the attribute %s cannot be written as it is",
+              file.c_str(), entry.first.c_str());
+    throw X_PROF_InvalidFile(located(mesg, __LINE__));
+  }
+  if (ptu_replaceFile(file, formatProfile(contents), 0644, overwrite) != 0) {
+    if (!overwrite && errno == EEXIST) throw X_PROF_Exists(located(file, __LINE__));
     sfmprintf(mesg, sizeof mesg, "Error creating profile file %s", file.c_str());
     throw X_PROF_InvalidFile(located(mesg, __LINE__));
   }

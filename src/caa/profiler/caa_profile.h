@@ -22,6 +22,9 @@ namespace CAA {
 // VYN_PROFILE_NAME_MAXLEN - 1.
 const int VYN_PROFILE_VALUE_MAXLEN = 10240;
 const int VYN_PROFILE_NAME_MAXLEN = 1024;
+// The reader takes a physical line in pieces of at most this many characters, and a longer line
+// falls apart into two. The writer continues no line, so a NAME=value line it writes must fit.
+const int VYN_PROFILE_LINE_MAXLEN = VYN_PROFILE_VALUE_MAXLEN - 2;
 // The longest resource name.
 const int CAA_RESOURCE_MAXNAMELEN = 127;
 
@@ -43,6 +46,22 @@ class X_PROF_SyntaxError : public X_PROF {
   std::string className() const override { return "X_PROF_SyntaxError"; }
 };
 
+// The file that a create without overwrite was to make exists already.
+class X_PROF_Exists : public X_PROF_InvalidFile {
+ public:
+  explicit X_PROF_Exists(const std::string& message) : X_PROF_InvalidFile(message) {}
+  std::string className() const override { return "X_PROF_Exists"; }
+};
+
+// Why an entry could not be written so that the reader gives it back as it was.
+enum EntryFault {
+  ENTRY_OK,
+  ENTRY_LINE_BREAK,  // the value holds a newline or a NUL: the rest would read as a line of its own
+  ENTRY_TOO_LONG,    // the line would not fit VYN_PROFILE_LINE_MAXLEN
+  ENTRY_CONTINUED,   // the value ends in a backslash, which joins the next line to it
+  ENTRY_BAD_NAME,    // the name is empty, holds a "=" or a line break, or reads back otherwise
+};
+
 class Profile {
  public:
   virtual ~Profile() = default;
@@ -53,10 +72,17 @@ class Profile {
   // Gives every attribute of the type that contents lacks, or holds empty, its default.
   static void mergeProfile(const std::string& type, string_Map& contents);
   // Checks NAME and TYPE, completes the map from the type and writes it. An empty destFile is
-  // <profile_path><NAME>.cap. temp: a template, which has a type but no name.
+  // <profile_path><NAME>.cap. temp: a template, which has a type but no name. Without overwrite
+  // a file that exists, or appears meanwhile, is left alone and X_PROF_Exists is thrown.
   static void createProfile(string_Map& contents, const std::string& destFile, bool overwrite, bool temp);
-  // Replaces file with the map: NAME, TYPE, then the rest in byte order.
-  static void writeProfile(const std::string& file, string_Map contents);
+  // Replaces file with the map: NAME, TYPE, then the rest in byte order. A replaced file keeps
+  // its owner, group and mode. An entry that would not read back as it is (entryFault) is
+  // refused before anything is written.
+  static void writeProfile(const std::string& file, string_Map contents, bool overwrite = true);
+  // Whether name=value, written as one line, reads back as the same entry.
+  static EntryFault entryFault(const std::string& name, const std::string& value);
+  // The longest value that the line of `name` can carry.
+  static std::size_t valueRoom(const std::string& name);
   // The text of writeProfile.
   static std::string formatProfile(const string_Map& contents);
 

@@ -2,6 +2,9 @@
 #include "caa/profiler/caa_profile.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
 
 #include "caa/profiler/caa_profiler_fixture.h"
 
@@ -148,7 +151,7 @@ TEST_F(ProfileFile, CreateChecksNameAndTypeAndCompletesFromType) {
   string_Map noType = {{"NAME", "r"}};
   EXPECT_THROW(Profile::createProfile(noType, "", true, false), X_PROF);
   string_Map exists = {{"NAME", "r"}, {"TYPE", "application"}};
-  EXPECT_THROW(Profile::createProfile(exists, "", false, false), X_PROF_InvalidFile);
+  EXPECT_THROW(Profile::createProfile(exists, "", false, false), X_PROF_Exists);
   string_Map badType = {{"NAME", "q"}, {"TYPE", "nosuch"}};
   try {
     Profile::createProfile(badType, "", true, false);
@@ -161,6 +164,69 @@ TEST_F(ProfileFile, CreateChecksNameAndTypeAndCompletesFromType) {
   string_Map tmpl = {{"TYPE", "application"}};
   Profile::createProfile(tmpl, dir + "/template.cap", true, true);
   EXPECT_EQ(read(dir + "/template.cap").substr(0, 6), "NAME=\n");
+}
+
+TEST_F(ProfileFile, WhatIsWrittenReadsBackAsItWasOrIsNotWrittenAtAll) {
+  std::string path = write("r.cap", "NAME=r\nTYPE=t\n");
+  // The longest line the reader takes whole.
+  std::string longest(VYN_PROFILE_LINE_MAXLEN - std::string("DESCRIPTION=").size(), 'd');
+  EXPECT_EQ(Profile::valueRoom("DESCRIPTION"), longest.size());
+  Profile::writeProfile(path, {{"NAME", "r"}, {"DESCRIPTION", longest}, {"B", "x"}});
+  string_Map back;
+  Profile::loadProfile(path, back);
+  EXPECT_EQ(back["DESCRIPTION"], longest);
+  EXPECT_EQ(back["B"], "x");
+
+  std::string written = read(path);
+  struct Case {
+    std::string value;
+    EntryFault fault;
+  } cases[] = {
+      {longest + "d", ENTRY_TOO_LONG},
+      {std::string(20000, 'd'), ENTRY_TOO_LONG},
+      {"web\nACTION_SCRIPT=/tmp/evil.sh", ENTRY_LINE_BREAK},
+      {std::string("web\0ACTION_SCRIPT=/tmp/evil.sh", 30), ENTRY_LINE_BREAK},
+      {"ends in a backslash\\", ENTRY_CONTINUED},
+      {"ends in a backslash\\ \t", ENTRY_CONTINUED},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(Profile::entryFault("DESCRIPTION", c.value), c.fault) << c.value.size();
+    EXPECT_THROW(Profile::writeProfile(path, {{"NAME", "r"}, {"DESCRIPTION", c.value}}), X_PROF_InvalidFile);
+    EXPECT_EQ(read(path), written) << "the stored profile stays as it was";
+  }
+  EXPECT_EQ(Profile::entryFault("DESCRIPTION", "a \\ in the middle, blanks around "), ENTRY_OK);
+  EXPECT_EQ(Profile::entryFault("A=B", "x"), ENTRY_BAD_NAME);
+  EXPECT_EQ(Profile::entryFault("#A", "x"), ENTRY_BAD_NAME);
+  EXPECT_EQ(Profile::entryFault("", "x"), ENTRY_BAD_NAME);
+  EXPECT_EQ(Profile::entryFault(std::string(VYN_PROFILE_NAME_MAXLEN, 'N'), ""), ENTRY_BAD_NAME);
+  int files = 0;
+  for (auto& e : std::filesystem::directory_iterator(dir)) (void)e, ++files;
+  EXPECT_EQ(files, 1) << "no temporary file stays behind";
+}
+
+TEST_F(ProfileFile, OnlyARegularFileIsReadAndNothingElseIsWaitedFor) {
+  std::string fifo = dir + "/fifo.cap";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  string_Map m;
+  EXPECT_THROW(Profile::loadProfile(fifo, m), X_PROF_InvalidFile);
+  EXPECT_THROW(Profile::loadProfile(dir, m), X_PROF_InvalidFile);
+  EXPECT_THROW(Profile::loadProfile("/dev/zero", m), X_PROF_InvalidFile);
+  EXPECT_TRUE(m.empty());
+}
+
+TEST_F(ProfileFile, AReplacedProfileKeepsItsModeAndOwner) {
+  std::string path = write("r.cap", "NAME=r\nTYPE=t\n");
+  ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+  if (geteuid() == 0) ASSERT_EQ(chown(path.c_str(), 4242, 4343), 0);
+  Profile::writeProfile(path, {{"NAME", "r"}, {"TYPE", "u"}});
+  struct stat st;
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0600u);
+  if (geteuid() == 0) {
+    EXPECT_EQ(st.st_uid, 4242u);
+    EXPECT_EQ(st.st_gid, 4343u);
+  }
+  EXPECT_EQ(read(path), "NAME=r\nTYPE=u\n");
 }
 
 TEST(ProfileText, TrimAndNumeric) {
