@@ -1,0 +1,111 @@
+#include "caa/ui/res/caa_proflock.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <utility>
+
+#include "caa/lib/caa_Path.h"
+
+namespace CAA {
+
+namespace {
+
+const char* const LOCK_EXT = ".lock";
+const int OPEN_FLAGS = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
+bool sameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
+
+bool isLockName(const char* name) {
+  std::size_t len = std::strlen(name);
+  std::size_t ext = std::strlen(LOCK_EXT);
+  return len > ext + 1 && name[0] == '.' && std::strcmp(name + len - ext, LOCK_EXT) == 0;
+}
+
+enum Opened { OPENED, GONE, UNSAFE };
+
+// Opens the lock file at path, making it if it is missing. GONE: a holder removed it meanwhile.
+Opened openLock(const std::string& path, OslFd& fd, struct stat& st) {
+  fd.reset(open(path.c_str(), OPEN_FLAGS | O_CREAT | O_EXCL, 0644));
+  if (fd) {
+    // Readable by all, whatever the umask, so that any user who may change the profile can wait.
+    fchmod(fd.get(), 0644);
+  } else if (errno == EEXIST) {
+    fd.reset(open(path.c_str(), OPEN_FLAGS));
+    if (!fd && errno == ENOENT) return GONE;
+  }
+  if (!fd) throw X_LOCK(path + ": " + std::strerror(errno));
+  if (fstat(fd.get(), &st) != 0) throw X_LOCK(path + ": " + std::strerror(errno));
+  if (!S_ISREG(st.st_mode)) throw X_LOCK(path + ": not a regular file");
+  if (st.st_nlink == 0) return GONE;
+  if (st.st_nlink > 1) throw X_LOCK(path + ": a file with more than one name");
+  return OPENED;
+}
+
+}  // namespace
+
+std::string ProfileLock::lockPath(const std::string& dir, const std::string& name) {
+  std::string d = dir;
+  if (!d.empty() && d.back() != '/') d += '/';
+  return d + "." + name + "." + Path::PROFILE_EXT + LOCK_EXT;
+}
+
+ProfileLock::ProfileLock(const std::string& dir, const std::string& name, int wait_ms) : path_(lockPath(dir, name)) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(wait_ms);
+  std::chrono::milliseconds pause(1);
+  for (;;) {
+    struct stat st;
+    OslFd fd;
+    if (openLock(path_, fd, st) == GONE) continue;
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+      // The lock counts only if the file still has its name: a holder removes it before it lets go.
+      struct stat now;
+      if (lstat(path_.c_str(), &now) == 0 && sameFile(now, st)) {
+        fd_ = std::move(fd);
+        return;
+      }
+      continue;
+    }
+    if (errno != EWOULDBLOCK && errno != EINTR) throw X_LOCK(path_ + ": " + std::strerror(errno));
+    if (std::chrono::steady_clock::now() >= deadline) throw X_LOCK_Busy(path_);
+    std::this_thread::sleep_for(pause);
+    if (pause < std::chrono::milliseconds(32)) pause *= 2;
+  }
+}
+
+ProfileLock::~ProfileLock() {
+  struct stat mine, now;
+  if (fstat(fd_.get(), &mine) == 0 && lstat(path_.c_str(), &now) == 0 && sameFile(mine, now)) unlink(path_.c_str());
+}
+
+int ProfileLock::removeStale(const std::string& dir) {
+  OslFd dfd(open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!dfd) return 0;
+  DIR* d = fdopendir(dup(dfd.get()));
+  if (d == nullptr) return 0;
+  int removed = 0;
+  while (struct dirent* e = readdir(d)) {
+    if (!isLockName(e->d_name)) continue;
+    struct stat st, now;
+    if (fstatat(dfd.get(), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+    if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) continue;
+    OslFd fd(openat(dfd.get(), e->d_name, OPEN_FLAGS));
+    if (!fd || fstat(fd.get(), &now) != 0 || !sameFile(st, now)) continue;
+    // Held by nobody: its holder is gone. Taking it first keeps the rule that only a holder removes.
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
+    if (fstatat(dfd.get(), e->d_name, &now, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(st, now) &&
+        unlinkat(dfd.get(), e->d_name, 0) == 0)
+      ++removed;
+  }
+  closedir(d);
+  return removed;
+}
+
+}  // namespace CAA
