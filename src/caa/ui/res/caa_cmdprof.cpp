@@ -7,6 +7,9 @@
 #include "caa/lib/caa_File.h"
 #include "caa/lib/caa_Path.h"
 #include "caa/logger/caa_logger.h"
+#include "caa/profiler/caa_profile.h"
+#include "caa/ui/res/caa_proflock.h"
+#include "platform/ptu/ptu.h"
 
 namespace CAA {
 
@@ -211,8 +214,78 @@ void CmdProf::prepareProfile(const std::string& namestr, CaaFile& profile) {
 }
 
 caa_Status CmdProf::openProfile(int& pfd, CaaFile& caa_file) {
-  pfd = caa_file.openFile(0, 0666);
+  // A FIFO put where a profile belongs must not hold the command up.
+  pfd = caa_file.openFile(O_RDONLY | O_NONBLOCK, 0666);
   return pfd < 0 ? caa_WARNING : caa_SUCCESS;
+}
+
+caa_Status CmdProf::checkResourceName(const std::string& name) {
+  if (name.find('/') == std::string::npos) return caa_SUCCESS;
+  caa_logger->log(LOG_STDERR, CMD_RES_BAD_NAME, name.c_str());
+  return caa_WARNING;
+}
+
+caa_Status CmdProf::checkValues(const string_Map& values) {
+  caa_Status ret = caa_SUCCESS;
+  for (const auto& entry : values) {
+    const char* name = entry.first.c_str();
+    switch (Profile::entryFault(entry.first, entry.second)) {
+      case ENTRY_LINE_BREAK:
+        caa_logger->log(LOG_STDERR, CMD_VALUE_LINE_BREAK, name);
+        break;
+      case ENTRY_TOO_LONG:
+        caa_logger->log(LOG_STDERR, CMD_VALUE_TOO_LONG, name, static_cast<int>(entry.second.size()),
+                        static_cast<int>(Profile::valueRoom(entry.first)));
+        break;
+      case ENTRY_CONTINUED:
+        caa_logger->log(LOG_STDERR, CMD_VALUE_CONTINUED, name);
+        break;
+      default:
+        // A name that cannot be written comes from a type definition, not from the user; the
+        // writer refuses it with its own text.
+        continue;
+    }
+    ret = caa_WARNING;
+  }
+  return ret;
+}
+
+std::unique_ptr<ProfileLock> CmdProf::lockProfile(const std::string& name) {
+  ptu_removeStaleTemps(dir_path);
+  ProfileLock::removeStale(dir_path);
+  try {
+    return std::unique_ptr<ProfileLock>(new ProfileLock(dir_path, name));
+  } catch (const X_LOCK_Busy&) {
+    CaaFile profile;
+    prepareProfile(name, profile);
+    caa_logger->log(LOG_STDERR, CMD_PROFILE_BUSY, profile.getName().c_str());
+  } catch (const X_LOCK& e) {
+    caa_logger->log(LOG_STDERR, CMD_PROFILE_NO_LOCK, e.what().c_str());
+  }
+  return nullptr;
+}
+
+caa_Status CmdProf::saveProfile(string_Map& paramMap, const CaaFile& profile, bool fixup, bool report_invalid,
+                                bool overwrite, bool* tried) {
+  if (tried != nullptr) *tried = false;
+  if (checkValues(paramMap) != caa_SUCCESS) return caa_WARNING;
+  if (!Profile::validateProfile(paramMap, fixup)) {
+    if (report_invalid) caa_logger->log(LOG_STDERR, 180, profile.getName().c_str());
+    return caa_WARNING;
+  }
+  // The writer checks the map once more as it writes it, mended and completed from the type.
+  if (tried != nullptr) *tried = true;
+  try {
+    Profile::createProfile(paramMap, profile.getName(), overwrite, false);
+  } catch (const X_PROF_Exists&) {
+    caa_logger->log(LOG_STDERR, 162, profile.getName().c_str());
+    return caa_WARNING;
+  } catch (const X_PROF& e) {
+    std::printf("%s\n", e.what().c_str());
+    std::fflush(stdout);
+    return caa_WARNING;
+  }
+  return caa_SUCCESS;
 }
 
 void CmdProf::showUsage() {

@@ -5,6 +5,7 @@
 // objects: every token is offered to every group, exactly one group must be satisfied, and its
 // operation runs. A create or an update scans the line a second time with the options that the
 // resource type's definition brings.
+#include <memory>
 #include <string>
 
 #include "caa/ui/api/caa_cmdparse.h"
@@ -13,6 +14,15 @@
 namespace CAA {
 
 class CaaFile;
+class ProfileLock;
+
+// Refusals of the profile operations, beyond those of the command base.
+const int CMD_RES_BAD_NAME = 190;     // a resource name that leads out of the working directory
+const int CMD_VALUE_LINE_BREAK = 191;  // a value with a newline or a NUL
+const int CMD_VALUE_TOO_LONG = 192;    // a value whose line the reader would cut
+const int CMD_VALUE_CONTINUED = 193;   // a value that ends in a backslash
+const int CMD_PROFILE_BUSY = 194;      // another process kept the profile's lock too long
+const int CMD_PROFILE_NO_LOCK = 195;   // the profile's lock file cannot be made or is unsafe
 
 class CmdProf : public Cmds {
  public:
@@ -91,6 +101,23 @@ class CmdProf : public Cmds {
   caa_Status getProfileContent(const char* rname, std::string& s_rtn_data);
   // The profile a create is to write: refused if it exists, unless "-f", which renews its backup.
   caa_Status prepareNewProfile(const std::string& namestr, CaaFile& profile);
+  // Every operation asks this first, before it touches a file: a resource name must name a file
+  // of the working directory, so it holds no "/". Message 190 otherwise.
+  caa_Status checkResourceName(const std::string& name);
+  // Refuses, with a message each, the values that would not read back from the profile as they
+  // stand (a line break, a line too long, a closing backslash).
+  caa_Status checkValues(const string_Map& values);
+  // Makes ready to change the profile `name`: removes what killed runs left in the working
+  // directory, then takes the profile's lock, to be held until the change is complete and told.
+  // Null, after message 194 or 195, when the lock cannot be had.
+  std::unique_ptr<ProfileLock> lockProfile(const std::string& name);
+  // The end of a create or an update: refuses values that would not read back, validates the map
+  // (mending it if fixup), and writes it to `profile`, replacing a file only with overwrite. A
+  // broken rule is reported by the rules, and then by message 180 if report_invalid; a failed
+  // write by the exception's text on standard output, or by 162 for a file that appeared.
+  // *tried, if given, tells whether the map was good enough for the write to be tried.
+  caa_Status saveProfile(string_Map& paramMap, const CaaFile& profile, bool fixup, bool report_invalid,
+                         bool overwrite, bool* tried = nullptr);
   // Tells the cluster what happened to a resource's profile: the event `name` with the string
   // variable "_name". A daemon that cannot be reached is reported, and changes no result.
   void postProfileEvent(const char* name, const std::string& resource);

@@ -10,6 +10,7 @@
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_ascript.h"
 #include "caa/ui/res/caa_cmdprof.h"
+#include "caa/ui/res/caa_proflock.h"
 #include "platform/osl/osl.h"
 #include "platform/ptu/ptu.h"
 
@@ -73,6 +74,7 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
     caa_logger->log(LOG_STDERR, CMD_RES_TOO_LONG, namestr.c_str());
     return caa_WARNING;
   }
+  if (checkResourceName(namestr) != caa_SUCCESS) return caa_WARNING;
 
   // The second scan: the fixed tags again, now without the work they did in the first scan,
   // and the options of the type.
@@ -89,6 +91,15 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
   binary_str = argValue(caa_BINARY);
   action_script_str = argValue(caa_ACTION_SCRIPT);
 
+  for (caaArg* arg : arg_list) {
+    const std::string& key = arg->showArgKey();
+    if (key == caa_NONE || key == caa_BINARY || key == caa_PROF_OPTIONAL || key == caa_TRASH) continue;
+    paramMap[key] = arg->showArgValue();
+  }
+  // A value the profile could not give back is refused before the backup or the script is made.
+  if (checkValues(paramMap) != caa_SUCCESS) return caa_WARNING;
+  std::unique_ptr<ProfileLock> lock = lockProfile(namestr);
+  if (!lock) return caa_WARNING;
   if (prepareNewProfile(namestr, profile) != caa_SUCCESS) return caa_WARNING;
 
   if (action_script_str.empty()) {
@@ -108,11 +119,6 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
     if (path[0] != '\0') scr_dir_path = path;
   }
 
-  for (caaArg* arg : arg_list) {
-    const std::string& key = arg->showArgKey();
-    if (key == caa_NONE || key == caa_BINARY || key == caa_PROF_OPTIONAL || key == caa_TRASH) continue;
-    paramMap[key] = arg->showArgValue();
-  }
   paramMap[caa_TYPE] = typestr;
 
   char as_path[Path::buf_len];
@@ -135,29 +141,21 @@ caa_Status CmdProf::createProfile(CmdParse& cmdparse) {
     paramMap[caa_ACTION_SCRIPT] = fits ? as_path : "";
   }
 
-  if (Profile::validateProfile(paramMap, true)) {
-    try {
-      Profile::createProfile(paramMap, profile.getName(), true, false);
-    } catch (const X_PROF& e) {
-      std::printf("%s\n", e.what().c_str());
-      std::fflush(stdout);
-      ret = caa_WARNING;
-    }
-  } else {
-    caa_logger->log(LOG_STDERR, 180, profile.getName().c_str());
-    ret = caa_WARNING;
-  }
+  // Without "-f" the profile is made only if no file has its name, whoever else is at work.
+  if (saveProfile(paramMap, profile, true, true, force_mode) != caa_SUCCESS) ret = caa_WARNING;
   if (ret == caa_WARNING && as_created) removeActionScript(action_script_fname, action_script_ext);
   return ret;
 }
 
 caa_Status CmdProf::inputProfile() {
-  caa_Status ret = caa_SUCCESS;
   CaaFile profile;
   std::string namestr = argValue(caa_NAME);
   std::string inputstr = argValue(caa_INPUT);
   string_Map paramMap;
 
+  if (checkResourceName(namestr) != caa_SUCCESS) return caa_WARNING;
+  std::unique_ptr<ProfileLock> lock = lockProfile(namestr);
+  if (!lock) return caa_WARNING;
   if (prepareNewProfile(namestr, profile) != caa_SUCCESS) return caa_WARNING;
   int rooted = 0;
   osrec ose;
@@ -181,19 +179,9 @@ caa_Status CmdProf::inputProfile() {
   paramMap[caa_ACTION_SCRIPT] = namestr + Path::SCRIPT_EXT;
   if (paramMap["DESCRIPTION"].empty()) paramMap["DESCRIPTION"] = namestr;
 
-  // A template's values are the user's own text: they are checked, not mended.
-  if (Profile::validateProfile(paramMap, false)) {
-    try {
-      Profile::createProfile(paramMap, profile.getName(), true, false);
-    } catch (const X_PROF& e) {
-      std::printf("%s\n", e.what().c_str());
-      std::fflush(stdout);
-      return caa_WARNING;
-    }
-  } else {
-    ret = caa_WARNING;
-  }
-  return ret;
+  // A template's values are the user's own text: they are checked, not mended, and a broken rule
+  // is told by the rules alone.
+  return saveProfile(paramMap, profile, false, false, force_mode);
 }
 
 }  // namespace CAA

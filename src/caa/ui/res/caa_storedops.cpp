@@ -10,6 +10,7 @@
 #include "caa/logger/caa_logger.h"
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
+#include "caa/ui/res/caa_proflock.h"
 #include "platform/osl/osl.h"
 #include "platform/ptu/ptu.h"
 
@@ -27,6 +28,10 @@ void listFailure(const osrec& ose) {
 
 caa_Status CmdProf::deleteProfile() {
   std::string res_str = argValue(caa_RESOURCE);
+  if (checkResourceName(res_str) != caa_SUCCESS) return caa_WARNING;
+  // Held until the event has left, so that the cluster hears of the changes in their order.
+  std::unique_ptr<ProfileLock> lock = lockProfile(res_str);
+  if (!lock) return caa_WARNING;
   CaaFile profile;
   prepareProfile(res_str, profile);
   if (!profile.exists()) {
@@ -80,6 +85,9 @@ caa_Status CmdProf::listProfile() {
   string_List names;
   for (caaArg* arg : arg_list)
     if (arg->showArgKey() == caa_RESOURCE) arg->copyList(names);
+  // A name that leads out of the working directory refuses the whole print, before any read.
+  for (const std::string& name : names)
+    if (checkResourceName(name) != caa_SUCCESS) return caa_WARNING;
   caa_logger->set();
   caa_logger->append();
 
@@ -143,6 +151,7 @@ caa_Status CmdProf::listProfile() {
 
 caa_Status CmdProf::validateProfile() {
   std::string namestr = argValue(caa_NAME);
+  if (checkResourceName(namestr) != caa_SUCCESS) return caa_WARNING;
   CaaFile profile;
   prepareProfile(namestr, profile);
   bool ret_code = false;

@@ -9,14 +9,22 @@
 #include "caa/logger/caa_logger.h"
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
+#include "platform/ptu/ptu.h"
 
 namespace CAA {
 
 namespace {
 
-caa_Status writeTemplate(string_Map& paramMap, const CaaFile& outfile) {
+// A template never replaces a file, also not one that appears while it is being made.
+caa_Status writeTemplate(string_Map& paramMap, const CaaFile& outfile, CaaLogger* logger) {
+  std::string dir = outfile.getName();
+  std::size_t slash = dir.rfind('/');
+  ptu_removeStaleTemps(slash == std::string::npos ? "." : dir.substr(0, slash + 1));
   try {
-    Profile::createProfile(paramMap, outfile.getName(), true, true);
+    Profile::createProfile(paramMap, outfile.getName(), false, true);
+  } catch (const X_PROF_Exists&) {
+    logger->log(LOG_STDERR, 162, outfile.getName().c_str());
+    return caa_WARNING;
   } catch (const X_PROF& e) {
     std::printf("%s\n", e.what().c_str());
     std::fflush(stdout);
@@ -37,6 +45,7 @@ caa_Status CmdProf::resourceTProfile() {
       output_str = arg->showArgValue();
     }
   }
+  if (checkResourceName(name_str) != caa_SUCCESS) return caa_WARNING;
   CaaFile infile;
   prepareProfile(name_str, infile);
   CaaFile outfile(output_flag == 1 ? output_str : Path::local_template_file);
@@ -59,7 +68,7 @@ caa_Status CmdProf::resourceTProfile() {
   paramMap[caa_NAME] = "";
   paramMap["DESCRIPTION"] = "";
   if (paramMap[caa_TYPE] == RESOURCE_TYPE_APPLICATION) paramMap[caa_ACTION_SCRIPT] = "";
-  return writeTemplate(paramMap, outfile);
+  return writeTemplate(paramMap, outfile, caa_logger);
 }
 
 caa_Status CmdProf::typeTProfile() {
@@ -88,7 +97,7 @@ caa_Status CmdProf::typeTProfile() {
     caa_logger->log(LOG_STDERR, 162, outfile.getName().c_str());
     return caa_WARNING;
   }
-  return writeTemplate(paramMap, outfile);
+  return writeTemplate(paramMap, outfile, caa_logger);
 }
 
 }  // namespace CAA

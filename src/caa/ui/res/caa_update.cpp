@@ -9,6 +9,7 @@
 #include "caa/logger/caa_logger.h"
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
+#include "caa/ui/res/caa_proflock.h"
 
 namespace CAA {
 
@@ -31,6 +32,7 @@ void CmdProf::postProfileEvent(const char* name, const std::string& resource) {
 caa_Status CmdProf::updateProfile(CmdParse& cmdparse) {
   caa_Status ret = caa_SUCCESS;
   std::string namestr = argValue(caa_NAME);
+  if (checkResourceName(namestr) != caa_SUCCESS) return caa_WARNING;
 
   // The second scan: no "-f" and no "-t"; the type is the stored profile's.
   clearArgList(arg_list);
@@ -40,6 +42,9 @@ caa_Status CmdProf::updateProfile(CmdParse& cmdparse) {
   arg_list.push_back(new caaTagValue(1, NOT_ENTERED_NEEDED, tag_option, caa_PROF_OPTIONAL));
   arg_list.push_back(new caaValue(1, NOT_ENTERED, caa_NAME));
 
+  // From the read to the event, no other change of this profile comes between.
+  std::unique_ptr<ProfileLock> lock = lockProfile(namestr);
+  if (!lock) return caa_WARNING;
   CaaFile profile;
   prepareProfile(namestr, profile);
   string_Map paramMap;
@@ -65,19 +70,10 @@ caa_Status CmdProf::updateProfile(CmdParse& cmdparse) {
   }
 
   bool fixup = true;
-  if (!Profile::validateProfile(paramMap, fixup)) {
-    caa_logger->log(LOG_STDERR, 180, profile.getName().c_str());
-    return caa_WARNING;
-  }
-  try {
-    Profile::createProfile(paramMap, profile.getName(), true, false);
-  } catch (const X_PROF& e) {
-    std::printf("%s\n", e.what().c_str());
-    std::fflush(stdout);
-    ret = caa_WARNING;
-  }
+  bool tried = false;
+  ret = saveProfile(paramMap, profile, fixup, true, true, &tried);
   // The event follows the write, also one that failed: the cluster learns that an update was tried.
-  postProfileEvent(EVENT_PROFILE_UPDATE, namestr);
+  if (tried) postProfileEvent(EVENT_PROFILE_UPDATE, namestr);
   return ret;
 }
 
