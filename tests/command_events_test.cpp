@@ -119,6 +119,13 @@ TEST_F(CommandEventsTest, UpdateChangesOnlyWhatCameAndKeepsTheRest) {
   EXPECT_NE(r.err.find("VYN-0180: The profile " + dir_ + "/web.cap is not valid."), std::string::npos);
   EXPECT_EQ(r.err.find("Evm log has failed."), std::string::npos);
   EXPECT_EQ(profile("web"), after);
+
+  // So does a value that the profile could not give back as it was.
+  r = vyn({"-update", "web", "-d", "two\nlines"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "VYN-0191: The value of DESCRIPTION holds a line break or a NUL character, which a profile "
+                   "cannot hold.\n\n");
+  EXPECT_EQ(profile("web"), after);
 }
 
 TEST_F(CommandEventsTest, UpdateOfAMissingProfileSays181) {

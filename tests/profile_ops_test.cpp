@@ -1,35 +1,27 @@
 // The profile command from the outside: each test runs the built program in a private copy of
 // the shipped home, with its profiles in a scratch directory, and checks what a user sees
-// (standard output, standard error, exit status) and what is left on disk.
-#include <fcntl.h>
+// (standard output, standard error, exit status) and what is left on disk. Several runs at once
+// must take turns on one profile, and a run killed at any moment leaves nothing the next keeps.
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/stat.h>
 #include <signal.h>
-#include <sys/wait.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <algorithm>
 #include <fstream>
-#include <sstream>
+#include <map>
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "program_runner.h"
 
 namespace {
 
-struct Result {
-  std::string out, err;
-  int status = -1;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+using vyntest::Outcome;
+using vyntest::slurp;
+typedef Outcome Result;
 
 // A live process, not one that has ended and waits to be reaped.
 bool alive(int pid) {
@@ -40,70 +32,50 @@ bool alive(int pid) {
 
 bool exists(const std::string& path) {
   struct stat st;
-  return stat(path.c_str(), &st) == 0;
+  return lstat(path.c_str(), &st) == 0;
 }
 
 class ProfileCommand : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* home = std::getenv("VYN_TEST_HOME");
-    const char* bin = std::getenv("VYN_BIN_DIR");
-    ASSERT_NE(home, nullptr);
-    ASSERT_NE(bin, nullptr);
-    program = std::string(bin) + "/vyn_profile";
-    char tmpl[] = "/tmp/vyn_profile_ops_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    root = tmpl;
-    this->home = root + "/home";
-    pd = root + "/pd";
-    ASSERT_EQ(std::system(("cp -r '" + std::string(home) + "' '" + this->home + "'").c_str()), 0);
-  }
-  void TearDown() override {
-    std::system(("rm -rf '" + root + "'").c_str());
-  }
+  ProfileCommand() : root(home_.root()), home(home_.home()), pd(root + "/pd") {}
 
-  // Runs the command in the scratch directory with the given arguments.
-  Result run(std::vector<std::string> args) {
-    Result r;
-    std::string outPath = root + "/stdout", errPath = root + "/stderr";
-    std::vector<std::string> env = {"ZEL_VYN_HOME=" + home, "VYN_REGISTRY=" + root + "/no-registry.db", "LANG=C",
-                                    "LC_ALL=C", "PATH=/usr/bin:/bin"};
-    std::vector<char*> envp, argv;
-    for (auto& e : env) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    args.insert(args.begin(), program);
-    for (auto& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-      if (chdir(root.c_str()) != 0) _exit(126);
-      int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      dup2(o, 1);
-      dup2(e, 2);
-      execve(program.c_str(), argv.data(), envp.data());
-      _exit(127);
-    }
-    int raw = 0;
-    waitpid(pid, &raw, 0);
-    r.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-    r.out = slurp(outPath);
-    r.err = slurp(errPath);
-    return r;
+  std::map<std::string, std::string> env() const {
+    return {{"ZEL_VYN_HOME", home}, {"VYN_REGISTRY", root + "/no-registry.db"}, {"LANG", "C"}, {"LC_ALL", "C"}};
   }
+  // Runs the command in the scratch directory with the given arguments.
+  Result run(const std::vector<std::string>& args) { return vyntest::run(program, args, env(), root); }
+  // Starts it, to run beside others.
+  vyntest::Running start(const std::vector<std::string>& args) { return vyntest::start(program, args, env(), root); }
   void put(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
   std::string cap(const std::string& name) { return pd + "/" + name + ".cap"; }
-  Result create(const std::string& name, std::vector<std::string> extra = {}) {
+  std::vector<std::string> createArgs(const std::string& name, const std::vector<std::string>& extra = {}) {
     std::vector<std::string> args = {"-create", name, "-t", "application", "-dir", pd};
     args.insert(args.end(), extra.begin(), extra.end());
-    return run(args);
+    return args;
+  }
+  Result create(const std::string& name, const std::vector<std::string>& extra = {}) {
+    return run(createArgs(name, extra));
+  }
+  // The names in the profile directory, sorted.
+  std::vector<std::string> files() {
+    std::vector<std::string> names;
+    for (auto& e : std::filesystem::directory_iterator(pd)) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  // The value of one attribute in a stored profile, or "(none)".
+  std::string attr(const std::string& name, const std::string& key) {
+    std::string text = "\n" + slurp(cap(name));
+    std::size_t at = text.find("\n" + key + "=");
+    if (at == std::string::npos) return "(none)";
+    at += key.size() + 2;
+    return text.substr(at, text.find('\n', at) - at);
   }
 
-  std::string program, root, home, pd;
+  vyntest::TempHome home_;
+  const std::string program = vyntest::binary("vyn_profile");
+  std::string root, home, pd;
 };
-
-
-
 
 TEST_F(ProfileCommand, CreatePrintValidateDelete) {
   Result r = create("web", {"-d", "front end", "-h", "n1 n2", "-p", "favored", "-o", "ci=30,as=always,bt=12:30"});
@@ -370,6 +342,200 @@ TEST_F(ProfileCommand, ValidateReportsEveryFaultThenTheVerdict) {
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.err, "VYN-0181: The profile " + pd + "/.cap cannot be read.\n\nVYN-0180: The profile " + pd +
                        "/.cap is not valid.\n\n");
+}
+
+// Eight updates at once, each of another attribute, round after round: every one of them stays.
+TEST_F(ProfileCommand, ConcurrentUpdatesOfOneProfileLoseNoChange) {
+  ASSERT_EQ(create("r").status, 0);
+  const std::vector<std::string> subs = {"ci", "ft", "fi", "ra", "fd", "st", "rt", "pt"};
+  const std::vector<std::string> keys = {"CHECK_INTERVAL",   "FAILURE_THRESHOLD", "FAILURE_INTERVAL", "RESTART_ATTEMPTS",
+                                         "FAILOVER_DELAY",   "SCRIPT_TIMEOUT",    "START_TIMEOUT",    "STOP_TIMEOUT"};
+  int lost = 0;
+  for (int round = 1; round <= 6; ++round) {
+    std::string value = std::to_string(100 + round);
+    std::vector<vyntest::Running> runs;
+    for (const std::string& sub : subs) runs.push_back(start({"-update", "r", "-dir", pd, "-o", sub + "=" + value}));
+    for (auto& r : runs) EXPECT_EQ(r.wait().status, 0);
+    for (const std::string& key : keys) lost += attr("r", key) != value;
+  }
+  EXPECT_EQ(lost, 0) << "changes lost out of " << 6 * subs.size();
+  EXPECT_EQ(files(), std::vector<std::string>{"r.cap"}) << "no lock or temporary file stays";
+}
+
+// Creates of one new profile at once, without -f: one makes it, the others are told it exists.
+TEST_F(ProfileCommand, ConcurrentCreatesMakeTheProfileOnce) {
+  for (int round = 0; round < 4; ++round) {
+    std::remove(cap("r").c_str());
+    std::vector<vyntest::Running> runs;
+    for (int i = 0; i < 6; ++i) runs.push_back(start(createArgs("r", {"-d", "by" + std::to_string(i)})));
+    std::string winner;
+    for (int i = 0; i < 6; ++i) {
+      Outcome o = runs[i].wait();
+      if (o.status == 0) {
+        EXPECT_EQ(winner, "") << "a second create succeeded";
+        winner = "by" + std::to_string(i);
+      } else {
+        EXPECT_EQ(o.err, "VYN-0162: " + cap("r") + " already exists. Use -f to replace it.\n\n");
+      }
+    }
+    EXPECT_NE(winner, "");
+    EXPECT_EQ(attr("r", "DESCRIPTION"), winner) << "the profile is the one whose create said so";
+  }
+  EXPECT_EQ(files(), std::vector<std::string>{"r.cap"});
+}
+
+// An update and a delete at once: whatever the order, a delete that succeeded leaves no profile,
+// and an update either succeeded before it or found nothing.
+TEST_F(ProfileCommand, UpdateRacingDeleteEndsAsEachReported) {
+  for (int round = 0; round < 12; ++round) {
+    ASSERT_EQ(create("r", {"-f"}).status, 0);
+    vyntest::Running update = start({"-update", "r", "-dir", pd, "-d", "changed"});
+    vyntest::Running del = start({"-delete", "r", "-dir", pd});
+    Outcome u = update.wait(), d = del.wait();
+    EXPECT_EQ(d.status, 0) << d.err;
+    if (u.status != 0) EXPECT_EQ(u.err, "VYN-0181: The profile " + cap("r") + " cannot be read.\n\n");
+    EXPECT_FALSE(exists(cap("r"))) << "round " << round << ": the deleted profile came back";
+  }
+}
+
+// A name that leads out of the working directory is refused by every operation before it
+// touches a file, the lock file included.
+TEST_F(ProfileCommand, NamesThatLeaveTheWorkingDirectoryAreRefusedEverywhere) {
+  std::filesystem::create_directories(pd);
+  std::string victim = root + "/victim.cap";
+  put(victim, "NAME=victim\nTYPE=application\n");
+  put(root + "/in.cap", "NAME=\nTYPE=application\n");
+  const std::vector<std::vector<std::string>> lines = {
+      {"-delete", "../victim"},
+      {"-print", "r", "../victim"},
+      {"-validate", "a/../../victim"},
+      {"-update", "../victim", "-d", "x"},
+      {"-create", "../victim", "-t", "application", "-f"},
+      {"-create", "a/../../victim", "-t", "application"},
+      {"-create", "../victim", "-I", root + "/in.cap", "-f"},
+      {"-template", "../victim", "-O", root + "/t.cap"},
+  };
+  for (std::vector<std::string> args : lines) {
+    std::string name = args[0] == "-print" ? args[2] : args[1];
+    args.push_back("-dir");
+    args.push_back(pd);
+    Result r = run(args);
+    EXPECT_EQ(r.status, 1) << args[0];
+    EXPECT_EQ(r.err, "VYN-0190: The resource name " + name + " is not valid: a resource name may not contain \"/\".\n\n")
+        << args[0];
+    EXPECT_EQ(r.out, "") << args[0];
+  }
+  EXPECT_EQ(slurp(victim), "NAME=victim\nTYPE=application\n");
+  EXPECT_FALSE(exists(root + "/victim.bak"));
+  EXPECT_FALSE(exists(root + "/t.cap"));
+  EXPECT_TRUE(files().empty());
+}
+
+// A value that the profile could not give back as it was is refused before anything is written:
+// no profile, no backup, no change of the stored one.
+TEST_F(ProfileCommand, ValuesThatCouldNotBeReadBackAreRefused) {
+  ASSERT_EQ(create("r", {"-d", "kept"}).status, 0);
+  std::string stored = slurp(cap("r"));
+  std::string room = std::to_string(10238 - std::string("DESCRIPTION=").size());
+  struct Case {
+    std::vector<std::string> opts;
+    std::string err;
+  } cases[] = {
+      {{"-d", "web\nACTION_SCRIPT=/tmp/evil.sh"},
+       "VYN-0191: The value of DESCRIPTION holds a line break or a NUL character, which a profile cannot hold.\n\n"},
+      {{"-d", std::string(20000, 'x')},
+       "VYN-0192: The value of DESCRIPTION is 20000 characters long; a profile can hold at most " + room +
+           " characters for it.\n\n"},
+      {{"-d", "ends in \\"},
+       "VYN-0193: The value of DESCRIPTION ends in a backslash, which would join the next line of the profile to "
+       "it.\n\n"},
+      {{"-o", "ut=5m\\"},
+       "VYN-0193: The value of UPTIME_THRESHOLD ends in a backslash, which would join the next line of the profile "
+       "to it.\n\n"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> update = {"-update", "r", "-dir", pd};
+    update.insert(update.end(), c.opts.begin(), c.opts.end());
+    Result r = run(update);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_TRUE(slurp(cap("r")) == stored) << "the stored profile changed";
+    r = create("r", [&] { auto o = c.opts; o.push_back("-f"); return o; }());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, c.err);
+    EXPECT_TRUE(slurp(cap("r")) == stored) << "the stored profile changed";
+    r = create("new", c.opts);
+    EXPECT_EQ(r.err, c.err);
+  }
+  EXPECT_EQ(files(), std::vector<std::string>{"r.cap"}) << "no backup, no new profile";
+
+  // The same for what a template file brings: a value that ends in a backslash, or one that
+  // continuation lines made too long for one line.
+  put(root + "/slash.cap", "NAME=\nTYPE=application\nDESCRIPTION=ends in \\\\\n\n");
+  Result r = run({"-create", "s", "-I", root + "/slash.cap", "-dir", pd});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "VYN-0193: The value of DESCRIPTION ends in a backslash, which would join the next line of the "
+                   "profile to it.\n\n");
+  put(root + "/long.cap", "NAME=\nTYPE=application\nDESCRIPTION=" + std::string(6000, 'x') + "\\\n" +
+                              std::string(4239, 'x') + "\n");
+  r = run({"-create", "s", "-I", root + "/long.cap", "-dir", pd});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "VYN-0192: The value of DESCRIPTION is 10239 characters long; a profile can hold at most " + room +
+                       " characters for it.\n\n");
+  EXPECT_FALSE(exists(cap("s")));
+}
+
+// An input that is no regular file is refused at once, instead of being read forever.
+TEST_F(ProfileCommand, InputThatIsNotARegularFileIsRefusedAtOnce) {
+  std::string fifo = root + "/fifo.cap";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& input : {std::string("/dev/zero"), fifo, root}) {
+    Outcome o = start({"-create", "r", "-I", input, "-dir", pd}).wait(20000);
+    EXPECT_EQ(o.status, 1) << input;
+    EXPECT_EQ(o.err, "VYN-0185: The template file " + input + " cannot be read.\n\n");
+  }
+  EXPECT_TRUE(files().empty());
+}
+
+// A replaced profile keeps its owner, group and mode.
+TEST_F(ProfileCommand, AReplacedProfileKeepsOwnerGroupAndMode) {
+  ASSERT_EQ(create("r").status, 0);
+  ASSERT_EQ(chmod(cap("r").c_str(), 0640), 0);
+  bool root_user = geteuid() == 0;
+  if (root_user) ASSERT_EQ(chown(cap("r").c_str(), 4242, 4343), 0);
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"-update", "r", "-dir", pd, "-d", "changed"}, createArgs("r", {"-f", "-d", "again"})}) {
+    Result r = run(args);
+    EXPECT_EQ(r.status, 0) << r.err;
+    struct stat st;
+    ASSERT_EQ(stat(cap("r").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0640u) << args[0];
+    if (root_user) {
+      EXPECT_EQ(st.st_uid, 4242u) << args[0];
+      EXPECT_EQ(st.st_gid, 4343u) << args[0];
+    }
+  }
+  EXPECT_EQ(attr("r", "DESCRIPTION"), "again");
+}
+
+// Runs killed at random moments leave debris at most until the next run in the directory.
+TEST_F(ProfileCommand, AKilledRunLeavesNothingThatTheNextRunKeeps) {
+  ASSERT_EQ(create("r").status, 0);
+  srand(42);
+  for (int i = 0; i < 30; ++i) {
+    vyntest::Running r = i % 2 == 0 ? start({"-update", "r", "-dir", pd, "-d", "round" + std::to_string(i)})
+                                     : start(createArgs("r", {"-f", "-d", "round" + std::to_string(i)}));
+    usleep(static_cast<useconds_t>(rand() % 25000));
+    kill(r.pid(), SIGKILL);
+    r.wait();
+  }
+  Result r = run({"-update", "r", "-dir", pd, "-d", "last"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(attr("r", "DESCRIPTION"), "last");
+  std::vector<std::string> left = files();
+  left.erase(std::remove(left.begin(), left.end(), "r.bak"), left.end());
+  EXPECT_EQ(left, std::vector<std::string>{"r.cap"});
+  EXPECT_EQ(run({"-validate", "r", "-dir", pd}).status, 0);
 }
 
 }  // namespace
