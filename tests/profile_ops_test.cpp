@@ -393,7 +393,9 @@ TEST_F(ProfileCommand, UpdateRacingDeleteEndsAsEachReported) {
     vyntest::Running del = start({"-delete", "r", "-dir", pd});
     Outcome u = update.wait(), d = del.wait();
     EXPECT_EQ(d.status, 0) << d.err;
-    if (u.status != 0) EXPECT_EQ(u.err, "VYN-0181: The profile " + cap("r") + " cannot be read.\n\n");
+    if (u.status != 0) {
+      EXPECT_EQ(u.err, "VYN-0181: The profile " + cap("r") + " cannot be read.\n\n");
+    }
     EXPECT_FALSE(exists(cap("r"))) << "round " << round << ": the deleted profile came back";
   }
 }
@@ -502,7 +504,9 @@ TEST_F(ProfileCommand, AReplacedProfileKeepsOwnerGroupAndMode) {
   ASSERT_EQ(create("r").status, 0);
   ASSERT_EQ(chmod(cap("r").c_str(), 0640), 0);
   bool root_user = geteuid() == 0;
-  if (root_user) ASSERT_EQ(chown(cap("r").c_str(), 4242, 4343), 0);
+  if (root_user) {
+    ASSERT_EQ(chown(cap("r").c_str(), 4242, 4343), 0);
+  }
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"-update", "r", "-dir", pd, "-d", "changed"}, createArgs("r", {"-f", "-d", "again"})}) {
     Result r = run(args);

@@ -123,7 +123,9 @@ TEST_F(CaaFileTest, TheFileOwnsItsDescriptorOnEveryWayOut) {
   int first = g.openFile(O_RDONLY, 0666);
   int second = g.openFile(O_RDONLY, 0666);
   ASSERT_GE(second, 0);
-  if (first != second) EXPECT_EQ(fcntl(first, F_GETFD), -1) << "a second open closes the first";
+  if (first != second) {
+    EXPECT_EQ(fcntl(first, F_GETFD), -1) << "a second open closes the first";
+  }
   EXPECT_EQ(g.closeFile(second), 0);
   EXPECT_EQ(g.closeFile(), -1) << "closed once, through its owner";
 }

@@ -217,7 +217,9 @@ TEST_F(ProfileFile, OnlyARegularFileIsReadAndNothingElseIsWaitedFor) {
 TEST_F(ProfileFile, AReplacedProfileKeepsItsModeAndOwner) {
   std::string path = write("r.cap", "NAME=r\nTYPE=t\n");
   ASSERT_EQ(chmod(path.c_str(), 0600), 0);
-  if (geteuid() == 0) ASSERT_EQ(chown(path.c_str(), 4242, 4343), 0);
+  if (geteuid() == 0) {
+    ASSERT_EQ(chown(path.c_str(), 4242, 4343), 0);
+  }
   Profile::writeProfile(path, {{"NAME", "r"}, {"TYPE", "u"}});
   struct stat st;
   ASSERT_EQ(stat(path.c_str(), &st), 0);
