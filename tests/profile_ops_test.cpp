@@ -348,8 +348,8 @@ TEST_F(ProfileCommand, ValidateReportsEveryFaultThenTheVerdict) {
 TEST_F(ProfileCommand, ConcurrentUpdatesOfOneProfileLoseNoChange) {
   ASSERT_EQ(create("r").status, 0);
   const std::vector<std::string> subs = {"ci", "ft", "fi", "ra", "fd", "st", "rt", "pt"};
-  const std::vector<std::string> keys = {"CHECK_INTERVAL",   "FAILURE_THRESHOLD", "FAILURE_INTERVAL", "RESTART_ATTEMPTS",
-                                         "FAILOVER_DELAY",   "SCRIPT_TIMEOUT",    "START_TIMEOUT",    "STOP_TIMEOUT"};
+  const std::vector<std::string> keys = {"CHECK_INTERVAL", "FAILURE_THRESHOLD", "FAILURE_INTERVAL", "RESTART_ATTEMPTS",
+                                         "FAILOVER_DELAY", "SCRIPT_TIMEOUT",    "START_TIMEOUT",    "STOP_TIMEOUT"};
   int lost = 0;
   for (int round = 1; round <= 6; ++round) {
     std::string value = std::to_string(100 + round);
@@ -423,7 +423,8 @@ TEST_F(ProfileCommand, NamesThatLeaveTheWorkingDirectoryAreRefusedEverywhere) {
     args.push_back(pd);
     Result r = run(args);
     EXPECT_EQ(r.status, 1) << args[0];
-    EXPECT_EQ(r.err, "VYN-0190: The resource name " + name + " is not valid: a resource name may not contain \"/\".\n\n")
+    EXPECT_EQ(r.err, "VYN-0190: The resource name " + name +
+                         " is not valid: a resource name may not contain \"/\".\n\n")
         << args[0];
     EXPECT_EQ(r.out, "") << args[0];
   }
@@ -431,6 +432,26 @@ TEST_F(ProfileCommand, NamesThatLeaveTheWorkingDirectoryAreRefusedEverywhere) {
   EXPECT_FALSE(exists(root + "/victim.bak"));
   EXPECT_FALSE(exists(root + "/t.cap"));
   EXPECT_TRUE(files().empty());
+}
+
+// What another user puts where a lock file belongs is refused, never followed or waited on.
+TEST_F(ProfileCommand, APlantedLockFileIsRefusedNotFollowed) {
+  ASSERT_EQ(create("r").status, 0);
+  std::string stored = slurp(cap("r"));
+  std::string lock = pd + "/.r.cap.lock", victim = root + "/victim";
+  put(victim, "keep");
+  ASSERT_EQ(symlink(victim.c_str(), lock.c_str()), 0);
+  Result r = run({"-update", "r", "-dir", pd, "-d", "x"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "VYN-0195: The lock of the profile cannot be taken: " + lock +
+                       ": Too many levels of symbolic links.\n\n");
+  EXPECT_EQ(slurp(victim), "keep");
+  std::remove(lock.c_str());
+  ASSERT_EQ(mkfifo(lock.c_str(), 0666), 0);
+  Outcome o = start({"-delete", "r", "-dir", pd}).wait(20000);
+  EXPECT_EQ(o.status, 1);
+  EXPECT_EQ(o.err, "VYN-0195: The lock of the profile cannot be taken: " + lock + ": not a regular file.\n\n");
+  EXPECT_EQ(slurp(cap("r")), stored);
 }
 
 // A value that the profile could not give back as it was is refused before anything is written:
@@ -507,8 +528,9 @@ TEST_F(ProfileCommand, AReplacedProfileKeepsOwnerGroupAndMode) {
   if (root_user) {
     ASSERT_EQ(chown(cap("r").c_str(), 4242, 4343), 0);
   }
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{"-update", "r", "-dir", pd, "-d", "changed"}, createArgs("r", {"-f", "-d", "again"})}) {
+  const std::vector<std::vector<std::string>> lines = {{"-update", "r", "-dir", pd, "-d", "changed"},
+                                                        createArgs("r", {"-f", "-d", "again"})};
+  for (const std::vector<std::string>& args : lines) {
     Result r = run(args);
     EXPECT_EQ(r.status, 0) << r.err;
     struct stat st;

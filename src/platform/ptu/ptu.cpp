@@ -49,11 +49,10 @@ int syncDirOf(const std::string& path) {
   return fsync(fd.get());
 }
 
-
 const char* const TEMP_MARK = ".tmp.";
 
-// Whether `name` is a temporary name of ptu_replaceFile, and the pid of its writer.
-bool tempOwner(const char* name, pid_t* pid) {
+// Whether `name` is a temporary name of ptu_replaceFile, and the base name and pid of its writer.
+bool tempOwner(const char* name, std::string* base, pid_t* pid) {
   std::size_t len = std::strlen(name);
   std::size_t mark = std::strlen(TEMP_MARK);
   if (len < 1 + mark + 1 || name[0] != '.') return false;
@@ -61,6 +60,7 @@ bool tempOwner(const char* name, pid_t* pid) {
   while (digits > 0 && name[digits - 1] >= '0' && name[digits - 1] <= '9') --digits;
   if (digits == len || len - digits > 9 || digits < 1 + mark) return false;
   if (std::strncmp(name + digits - mark, TEMP_MARK, mark) != 0) return false;
+  base->assign(name + 1, digits - mark - 1);
   *pid = static_cast<pid_t>(std::atol(name + digits));
   return *pid > 0;
 }
@@ -103,8 +103,8 @@ int writeBeside(const std::string& path, const std::string& data, const Attribut
     errno = EPERM;
   }
   // The mode comes after the owner, as a change of owner clears the set-id bits.
-  if (rc == 0 && (fchmod(fd.get(), static_cast<mode_t>(attrs.mode)) != 0 || writeAll(fd.get(), data.data(), data.size()) != 0 ||
-                  fsync(fd.get()) != 0))
+  if (rc == 0 && (fchmod(fd.get(), static_cast<mode_t>(attrs.mode)) != 0 ||
+                  writeAll(fd.get(), data.data(), data.size()) != 0 || fsync(fd.get()) != 0))
     rc = -1;
   int saved = errno;
   if (fd.close() != 0 && rc == 0) {
@@ -255,7 +255,7 @@ int ptu_copyFile(const std::string& source, const std::string& dest) {
   return writeBeside(dest, data, attrs, true) == 0 ? PTU_SUCC : PTU_ERR_NOROOM;
 }
 
-int ptu_removeStaleTemps(const std::string& dir) {
+int ptu_removeStaleTemps(const std::string& dir, const std::function<bool(const std::string& base)>& ours) {
   OslFd dfd(open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!dfd) return 0;
   // The stream gets a descriptor of its own, so that dfd stays the one owner of dfd.
@@ -265,7 +265,8 @@ int ptu_removeStaleTemps(const std::string& dir) {
   uid_t me = geteuid();
   while (struct dirent* e = readdir(d)) {
     pid_t pid = 0;
-    if (!tempOwner(e->d_name, &pid) || pid == getpid()) continue;
+    std::string base;
+    if (!tempOwner(e->d_name, &base, &pid) || pid == getpid() || !ours(base)) continue;
     struct stat st;
     if (fstatat(dfd.get(), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
     if (!S_ISREG(st.st_mode) || st.st_uid != me) continue;

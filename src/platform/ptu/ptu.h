@@ -4,6 +4,7 @@
 // Path utilities and the file layer: composing paths into fixed buffers, testing, making
 // directories, splitting names, removing, and copying or replacing files safely.
 #include <cstddef>
+#include <functional>
 #include <string>
 
 #include "platform/osl/osl.h"
@@ -49,9 +50,10 @@ int ptu_replaceFile(const std::string& path, const std::string& data, unsigned m
 int ptu_copyFile(const std::string& source, const std::string& dest);
 // The name ptu_replaceFile writes `path` under before it moves it into place.
 std::string ptu_tempName(const std::string& path);
-// Removes from `dir` the temporary files of writers that are gone: names of the form
-// ".<name>.tmp.<pid>" whose process no longer runs, and only regular files owned by the caller;
-// a symbolic link is never followed. The number removed.
-int ptu_removeStaleTemps(const std::string& dir);
+// Removes from `dir` the temporary files of writers that are gone: names ".<base>.tmp.<pid>"
+// whose process no longer runs and whose <base> `ours` accepts (a directory may hold other
+// programs' files of that form), and only regular files owned by the caller; a symbolic link is
+// never followed. The number removed.
+int ptu_removeStaleTemps(const std::string& dir, const std::function<bool(const std::string& base)>& ours);
 
 #endif

@@ -125,8 +125,10 @@ TEST_F(PtuTest, TemporaryFilesOfDeadWritersAreRemovedAndNothingElse) {
   std::ofstream(outside) << "keep";
   ASSERT_EQ(symlink(outside.c_str(), (dir_ + "/.t.cap.tmp." + d).c_str()), 0);
   mkdir((dir_ + "/.u.cap.tmp." + d).c_str(), 0755);
+  std::ofstream(dir_ + "/.other.conf.tmp." + d) << "another program's";
 
-  EXPECT_EQ(ptu_removeStaleTemps(dir_), 2);
+  auto ours = [](const std::string& base) { return base != "other.conf"; };
+  EXPECT_EQ(ptu_removeStaleTemps(dir_, ours), 2);
   EXPECT_FALSE(std::filesystem::exists(dir_ + "/.r.cap.tmp." + d));
   EXPECT_FALSE(std::filesystem::exists(dir_ + "/.r.bak.tmp." + d));
   EXPECT_TRUE(std::filesystem::exists(dir_ + "/.s.cap.tmp." + live));
@@ -135,6 +137,7 @@ TEST_F(PtuTest, TemporaryFilesOfDeadWritersAreRemovedAndNothingElse) {
   EXPECT_TRUE(std::filesystem::is_symlink(dir_ + "/.t.cap.tmp." + d));
   EXPECT_EQ(read(outside), "keep");
   EXPECT_TRUE(std::filesystem::is_directory(dir_ + "/.u.cap.tmp." + d));
+  EXPECT_TRUE(std::filesystem::exists(dir_ + "/.other.conf.tmp." + d));
 }
 
 TEST_F(PtuTest, ATemporaryNameLeftByAnEarlierHolderOfOurPidIsReused) {

@@ -251,7 +251,15 @@ caa_Status CmdProf::checkValues(const string_Map& values) {
 }
 
 std::unique_ptr<ProfileLock> CmdProf::lockProfile(const std::string& name) {
-  ptu_removeStaleTemps(dir_path);
+  // The working directory may be one that other programs use too: only what a profile or its
+  // backup was being written as is taken away.
+  ptu_removeStaleTemps(dir_path, [](const std::string& base) {
+    auto endsWith = [&base](const std::string& ext) {
+      std::string dotted = "." + ext;
+      return base.size() > dotted.size() && base.compare(base.size() - dotted.size(), std::string::npos, dotted) == 0;
+    };
+    return endsWith(Path::PROFILE_EXT) || endsWith(Path::BACKUP_EXT);
+  });
   ProfileLock::removeStale(dir_path);
   try {
     return std::unique_ptr<ProfileLock>(new ProfileLock(dir_path, name));

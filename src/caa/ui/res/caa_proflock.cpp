@@ -23,10 +23,11 @@ const int OPEN_FLAGS = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 bool sameFile(const struct stat& a, const struct stat& b) { return a.st_dev == b.st_dev && a.st_ino == b.st_ino; }
 
+// ".<name>.cap.lock": only the lock files of profiles, whatever else the directory holds.
 bool isLockName(const char* name) {
+  std::string ending = std::string(".") + Path::PROFILE_EXT + LOCK_EXT;
   std::size_t len = std::strlen(name);
-  std::size_t ext = std::strlen(LOCK_EXT);
-  return len > ext + 1 && name[0] == '.' && std::strcmp(name + len - ext, LOCK_EXT) == 0;
+  return len > ending.size() && name[0] == '.' && ending.compare(0, std::string::npos, name + len - ending.size()) == 0;
 }
 
 enum Opened { OPENED, GONE, UNSAFE };

@@ -17,9 +17,12 @@ namespace {
 
 // A template never replaces a file, also not one that appears while it is being made.
 caa_Status writeTemplate(string_Map& paramMap, const CaaFile& outfile, CaaLogger* logger) {
-  std::string dir = outfile.getName();
-  std::size_t slash = dir.rfind('/');
-  ptu_removeStaleTemps(slash == std::string::npos ? "." : dir.substr(0, slash + 1));
+  // What an earlier run killed while writing this same file left beside it goes first.
+  std::string name = outfile.getName();
+  std::size_t slash = name.rfind('/');
+  std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
+  ptu_removeStaleTemps(slash == std::string::npos ? "." : name.substr(0, slash + 1),
+                       [&base](const std::string& b) { return b == base; });
   try {
     Profile::createProfile(paramMap, outfile.getName(), false, true);
   } catch (const X_PROF_Exists&) {
