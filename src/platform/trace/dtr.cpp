@@ -154,9 +154,9 @@ void writeLine(const dtrcomp* comp, bool withDesc, const char* fmt, va_list ap) 
   char small[2048];
   std::size_t head = stamp(small, sizeof small);
   if (comp != nullptr) {
-    int n = withDesc ? std::snprintf(small + head, sizeof small - head, "%s(%s): ", comp->name,
+    int n = withDesc ? std::snprintf(small + head, sizeof small - head, "%s(%s):", comp->name,
                                      comp->description.c_str())
-                     : std::snprintf(small + head, sizeof small - head, "%s: ", comp->name);
+                     : std::snprintf(small + head, sizeof small - head, "%s:", comp->name);
     if (n > 0) head = std::min(head + static_cast<std::size_t>(n), sizeof small - 1);
   }
   va_list copy;
