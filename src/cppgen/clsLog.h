@@ -85,6 +85,7 @@ class CLSlogModule {
   ub4 getClsdLevelLog() const;
   void setClsdLevelLog(ub4 level);
   // The highest detail the level lets pass; levels above 5 count as 0.
+  // Level 4 lets ALGO_FINE (trace level 5) pass as well as EXTERN_DETAIL: the trace service takes 4 and 5 as one tier, so this filter alone decides.
   DebugDetail getDetailDefault() const;
   void setDetailDefault(DebugDetail detail);
 
