@@ -154,9 +154,14 @@ CLSlogModule& CLSlogModule::getReference(const std::string& name) {
 
 CLSlogModule& CLSlogModule::registerModule(const CLSlogModuleInfo& info) {
   ub4 level = info.m_logLevel;
-  if (staticData().m_isQemsd.load()) {
+  // The registry lookup logs through a module of its own, which registers here in turn: that
+  // inner registration goes without the lookup.
+  thread_local bool t_inLookup = false;
+  if (staticData().m_isQemsd.load() && !t_inLookup) {
+    t_inLookup = true;
     ub4 stored = 0;
     if (caavrgGetDebugLevel(info.m_name, &stored, kInitComponent) == 0) level = stored;
+    t_inLookup = false;
   }
   std::string notes;
   envLevel(ENV_DEBUG_ALL, &level, &notes);

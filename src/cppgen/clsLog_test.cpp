@@ -12,6 +12,11 @@
 #include <thread>
 #include <vector>
 
+#include "caa/lib/caavrg.h"
+#include "cppgen/cls_testutil.h"
+#include "platform/host/utlhost.h"
+#include "platform/registry/prvrg.h"
+
 namespace CLS_Debug {
 namespace {
 
@@ -246,6 +251,39 @@ TEST_F(ClsLogTest, ManyThreadsShareOneLogObject) {
   std::vector<std::string> lines = traced();
   ASSERT_EQ(lines.size(), 1800u);
   for (const std::string& l : lines) EXPECT_EQ(l.rfind("SHARED: t", 0), 0u) << l;
+}
+
+// In the lower-stack daemon mode a module's stored registry level comes before the environment.
+TEST_F(ClsLogTest, TheDaemonModeReadsStoredLevelsFromTheRegistry) {
+  std::string store = home_ + "/reg.db";
+  clstest::ChildOutcome o = clstest::runInChild([store] {
+    setenv("VYN_REGISTRY", store.c_str(), 1);
+    prvrg_ctx* c = nullptr;
+    char err[1024];
+    std::size_t len = sizeof err;
+    if (prvrg_init_ext(&c, PRVRG_LEVEL_DEFAULT, err, &len, PRVRG_FLAG_CREATE) != 0) _exit(3);
+    char host[512] = {0};
+    utlhost(host, sizeof host);
+    for (const char* mod : {"QSTORED", "QBOTH"}) {
+      std::string key = std::string("SYSTEM.default.debug.") + host + "." + mod;
+      if (prvrg_create_n_set_key(c, nullptr, key.c_str(), nullptr, nullptr, prvrg_dtype_ZELTEXT, "4", 2,
+                                 prvrg_security{}) != 0)
+        _exit(4);
+    }
+    prvrg_terminate(c);
+    CLSlog::setIsQemsd(true);
+    if (CLSlog::clsdCbkFilter(nullptr, nullptr, 0, 0) != 0) _exit(5);
+    setenv("ZEL_VYNDEBUG_QBOTH", "2", 1);
+    if (CLSlogModule::registerModule(info("QSTORED")).getClsdLevelLog() != 4) _exit(6);
+    if (CLSlogModule::registerModule(info("QBOTH")).getClsdLevelLog() != 2) _exit(7);
+    if (CLSlogModule::registerModule(info("QNONE", 3)).getClsdLevelLog() != 0) _exit(8);
+    // A level set while running is stored for the next start.
+    std::string name = "QNONE";
+    CLSlog::clsdCbkLog(nullptr, reinterpret_cast<zeltext*>(&name[0]), 5, DTRMKEY_INIT);
+    ub4 level = 0;
+    if (caavrgGetDebugLevel("QNONE", &level, DTRMKEY_INIT) != 0 || level != 5) _exit(9);
+  });
+  EXPECT_EQ(o.status, 0) << o.err << o.trace;
 }
 
 }  // namespace
