@@ -118,7 +118,8 @@ void closeLocked(TraceFile& tf) {
 }
 
 bool openLocked(TraceFile& tf, const std::string& path) {
-  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  // A link planted in a shared log directory is not followed.
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) {
     if (!tf.warned) {
       tf.warned = true;
@@ -307,7 +308,7 @@ void dtr_alertprintft(ub4 msgid, const char* fmt, ...) {
   std::size_t n = stamp(head);
   std::string line = std::string(head, n) + "alert " + std::to_string(msgid) + ": " + text + "\n";
   // Alerts are rare: the alert log is opened for each one.
-  int fd = open((dir + "alert.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  int fd = open((dir + "alert.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) return;
   ssize_t ignored = write(fd, line.data(), line.size());
   (void)ignored;
