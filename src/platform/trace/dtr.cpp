@@ -43,6 +43,10 @@ struct TraceFile {
   bool warned = false;
   std::uint64_t maxBytes = 8u << 20;
   unsigned keep = 4;
+  // The file's size as last learnt: its size at opening plus what this process wrote, set right
+  // again from the file every few lines, so that other writers of the same file count too.
+  std::uint64_t size = 0;
+  unsigned linesSinceStat = 0;
 };
 
 TraceFile& traceFile() {
@@ -133,6 +137,9 @@ bool openLocked(TraceFile& tf, const std::string& path) {
   }
   tf.fd = fd;
   tf.path = path;
+  struct stat st;
+  tf.size = fstat(fd, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+  tf.linesSinceStat = 0;
   return true;
 }
 
@@ -184,8 +191,13 @@ void emit(const char* text, std::size_t len) {
     p += n;
     left -= static_cast<std::size_t>(n);
   }
-  off_t end = lseek(tf.fd, 0, SEEK_CUR);
-  if (end >= 0 && static_cast<std::uint64_t>(end) >= tf.maxBytes) rotateLocked(tf);
+  tf.size += len;
+  if (++tf.linesSinceStat >= 64) {
+    struct stat st;
+    if (fstat(tf.fd, &st) == 0) tf.size = static_cast<std::uint64_t>(st.st_size);
+    tf.linesSinceStat = 0;
+  }
+  if (tf.size >= tf.maxBytes) rotateLocked(tf);
 }
 
 // Stamp, component, text and a newline in one buffer, then one write.
