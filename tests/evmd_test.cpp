@@ -77,15 +77,8 @@ class RawClient {
   bool ok() const { return ok_; }
   xpccon* con() { return con_; }
   void head(std::uint32_t type, std::uint32_t flags, std::uint64_t data, std::uint32_t bodySize) {
-    EvmCommHead_t h{};
-    h.ident = EVM_COMM_IDENT;
-    h.version = EVM_COMM_VERSION;
-    h.magic = EVM_COMM_MAGIC;
-    h.type = type;
-    h.flags = flags;
-    h.headerData = data;
-    h.bodySize = bodySize;
-    Evmxpcsend(con_, &h.clschdr, EVM_COMM_HEAD_SIZE);
+    EvmCommHead_t h = evmCommHead(type, flags, data, bodySize);
+    xpcsend(con_, &h, EVM_COMM_HEAD_SIZE);
   }
   bool connect() {
     std::vector<unsigned char> req(64, 0);
@@ -338,7 +331,7 @@ TEST_F(EvmdTest, TcpPostersFindTheDaemonThroughTheRegistry) {
   std::size_t errlen = sizeof err;
   ASSERT_EQ(prvrg_init_ext(&rg, PRVRG_LEVEL_DEFAULT, err, &errlen, PRVRG_FLAG_CREATE), PRVRG_SUCC);
   prvrg_terminate(rg);
-  Daemon d(home_, {"-tcp", "0"});
+  Daemon d(home_, {"-tcp", "127.0.0.1:0"});
   ASSERT_NE(d.banner().find("PROTOCOL=tcp"), std::string::npos);
   char host[256];
   ASSERT_GT(utlhost(host, sizeof host), 0);
