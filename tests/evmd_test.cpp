@@ -1,8 +1,12 @@
 // The event daemon as a whole program: posts from the client library and from a raw client that
 // writes its own bytes, its checks and answers, its log after a clean stop, listeners, clients
-// that send garbage or die, a stale socket, a second daemon, a daemon killed under a client.
+// that send garbage or die, a stale socket, a second daemon, a daemon killed under a client;
+// and hostile ones: clients that lie about their user, listen without leave, claim huge lengths
+// or sit idle, and a socket directory or log that someone else has prepared.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -11,6 +15,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
+#include <memory>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -80,15 +87,20 @@ class RawClient {
     EvmCommHead_t h = evmCommHead(type, flags, data, bodySize);
     xpcsend(con_, &h, EVM_COMM_HEAD_SIZE);
   }
-  bool connect() {
-    std::vector<unsigned char> req(64, 0);
-    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+  // Connects as a poster (or `connector`), claiming to be `uid`; the connect answer's flags, or
+  // -1 when the daemon closed the connection instead of answering.
+  long long connectAs(uid_t uid, std::uint32_t connector = EvmCOMM_POSTER) {
+    std::size_t len = _evmGetConnectReqDataSize();
+    std::vector<unsigned char> req(len, 0);
+    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, connector);
     evmStore32(req.data(), EVM_CONNREQ_OFF_PID, static_cast<std::uint32_t>(getpid()));
-    head(EvmCOMM_CONNECT_REQ, 0, 0, 64);
-    Evmxpcsend(con_, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), 64);
+    std::memcpy(_evmGetConnectReqDataUidPtr(req.data()), &uid, _evmGetUidSize());
+    head(EvmCOMM_CONNECT_REQ, 0, 0, static_cast<std::uint32_t>(len));
+    Evmxpcsend(con_, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), static_cast<EvmUint32_t>(len));
     EvmCommHead_t r = answer();
-    return r.type == EvmCOMM_CONNECT_RSP && r.flags == 0;
+    return r.type == EvmCOMM_CONNECT_RSP ? static_cast<long long>(r.flags) : -1;
   }
+  bool connect() { return connectAs(geteuid()) == 0; }
   void post(std::vector<unsigned char> block, std::uint64_t token, std::uint32_t flags = 0) {
     head(EvmCOMM_POST_REQ, flags, token, static_cast<std::uint32_t>(block.size()));
     xpcsend(con_, block.data(), static_cast<std::uint32_t>(block.size()));
@@ -371,6 +383,179 @@ TEST_F(EvmdTest, ATornLogEndIsCutBeforeNewEventsFollow) {
   ASSERT_EQ(names.size(), 2u);
   EXPECT_EQ(names[0], "sys.zel.test.before");
   EXPECT_EQ(names[1], "sys.zel.test.after");
+}
+
+}  // namespace
+
+// ---- Hostile clients and a hostile file system ----
+
+namespace {
+
+// Runs `body` in a child that has become the user nobody; its result is the child's exit
+// status, or -1 when the child could not drop to nobody.
+int asNobody(const std::function<int()>& body) {
+  passwd* pw = getpwnam("nobody");
+  if (pw == nullptr) return -1;
+  uid_t uid = pw->pw_uid;
+  gid_t gid = pw->pw_gid;
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(97);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) != 97 ? WEXITSTATUS(status) : -1;
+}
+
+std::string nobodysGroup() {
+  passwd* pw = getpwnam("nobody");
+  group* gr = pw != nullptr ? getgrgid(pw->pw_gid) : nullptr;
+  return gr != nullptr ? gr->gr_name : "";
+}
+
+void noop(EvmConnection_t, EvmCallbackArg_t, EvmCallbackData_t*) {}
+
+int listenStatus() {
+  EvmConnection_t c = nullptr;
+  EvmStatus_t st = EvmConnCreate(EvmCONNECTION_LISTEN, EvmRESPONSE_CALLBACK, nullptr, noop, nullptr, &c);
+  if (st == EvmERROR_NONE) EvmConnDestroy(c);
+  return st;
+}
+
+TEST_F(EvmdTest, AConnectRequestThatClaimsAnotherUserIsRefused) {
+  Daemon d(home_);
+  RawClient liar;
+  EXPECT_EQ(liar.connectAs(geteuid() + 1), static_cast<long long>(evmCommFlag(EvmCOMMFLAG_CONNECTION_REFUSED)));
+  RawClient honest;
+  EXPECT_EQ(honest.connectAs(geteuid()), 0);
+}
+
+TEST_F(EvmdTest, OnlyTheSuperuserAndTheNamedGroupMayListen) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  std::string grp = nobodysGroup();
+  if (grp.empty()) GTEST_SKIP() << "no user nobody";
+  {
+    Daemon d(home_);
+    EXPECT_EQ(listenStatus(), EvmERROR_NONE);  // the superuser
+    int st = asNobody(listenStatus);
+    if (st < 0) GTEST_SKIP() << "cannot become nobody";
+    EXPECT_EQ(st, EvmERROR_CONNECTION_REFUSED);
+    // Posting is for everyone.
+    EXPECT_EQ(asNobody([] {
+                EvmEvent_t ev = named("sys.zel.test.nobody");
+                EvmStatus_t s = EvmEventPost(nullptr, ev);
+                EvmEventDestroy(ev);
+                return static_cast<int>(s);
+              }),
+              EvmERROR_NONE);
+  }
+  Daemon d(home_, {"-group", grp});
+  EXPECT_EQ(asNobody(listenStatus), EvmERROR_NONE);
+}
+
+TEST_F(EvmdTest, ASocketDirectoryOthersCouldChangeKeepsTheDaemonFromStarting) {
+  std::string ipc = home_.root() + "/ipc";
+  std::filesystem::remove_all(ipc);
+  // Made by the daemon itself: 0755, and a lock file beside the socket.
+  {
+    Daemon d(home_);
+    ASSERT_NE(d.banner().find("listening on"), std::string::npos) << d.errors();
+    struct stat st;
+    ASSERT_EQ(lstat(ipc.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(access((ipc + "/SYSTEM.evm.acceptor.auth.lock").c_str(), F_OK), 0);
+    if (geteuid() == 0) {
+      // An ordinary user can't put anything in its place, whether the daemon runs or not.
+      auto squat = [&] {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        std::strcpy(sa.sun_path, (ipc + "/SYSTEM.evm.acceptor.auth").c_str());
+        unlink(sa.sun_path);
+        return bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 ? 1 : 0;
+      };
+      EXPECT_EQ(asNobody(squat), 0);
+      d.stop();
+      EXPECT_EQ(asNobody(squat), 0);
+    }
+  }
+  const std::string unsafe = "is not safe";
+  ASSERT_EQ(chmod(ipc.c_str(), 0777), 0);
+  {
+    Daemon d(home_);
+    EXPECT_EQ(d.banner(), "");
+    EXPECT_EQ(d.stop(), 1);
+    EXPECT_NE(d.errors().find(unsafe), std::string::npos) << d.errors();
+  }
+  std::filesystem::remove_all(ipc);
+  std::string elsewhere = home_.root() + "/elsewhere";
+  ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
+  ASSERT_EQ(symlink(elsewhere.c_str(), ipc.c_str()), 0);
+  {
+    Daemon d(home_);
+    EXPECT_EQ(d.stop(), 1);
+    EXPECT_NE(d.errors().find(unsafe), std::string::npos) << d.errors();
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+  }
+  if (geteuid() == 0) {
+    unlink(ipc.c_str());
+    ASSERT_EQ(mkdir(ipc.c_str(), 0755), 0);
+    ASSERT_EQ(chown(ipc.c_str(), 65534, 65534), 0);
+    Daemon d(home_);
+    EXPECT_EQ(d.stop(), 1);
+    EXPECT_NE(d.errors().find(unsafe), std::string::npos) << d.errors();
+  }
+}
+
+TEST_F(EvmdTest, ASymlinkedLogKeepsTheDaemonFromStartingAndItsTargetIsUntouched) {
+  std::filesystem::create_directories(home_.home() + "/log/evm");
+  std::string target = home_.root() + "/precious";
+  vyntest::spit(target, "precious bytes");
+  ASSERT_EQ(symlink(target.c_str(), (home_.home() + "/log/evm/events.log").c_str()), 0);
+  Daemon d(home_);
+  EXPECT_EQ(d.banner(), "");
+  EXPECT_EQ(d.stop(), 1);
+  EXPECT_NE(d.errors().find("symbolic link"), std::string::npos) << d.errors();
+  EXPECT_EQ(vyntest::slurp(target), "precious bytes");
+}
+
+TEST_F(EvmdTest, HugeLengthClaimsAndIdleClientsCostLittleAndAGoodPosterIsServed) {
+  Daemon d(home_);
+  long before = d.rssKiB();
+  std::vector<std::unique_ptr<RawClient>> hostile;
+  for (int i = 0; i < 100; ++i) {
+    auto c = std::make_unique<RawClient>();
+    ASSERT_TRUE(c->ok());
+    std::vector<unsigned char> m(48, 0);
+    if (i % 3 == 0) {
+      // A first message of 64 MiB.
+      evmStore32(m.data(), 0, 64u << 20);
+    } else if (i % 3 == 1) {
+      // A post of the longest event taken, of which a few bytes come.
+      ASSERT_TRUE(c->connect());
+      c->head(EvmCOMM_POST_REQ, 0, 1, EVM_MAX_EVENT_SIZE);
+      evmStore32(m.data(), 0, EVM_MAX_EVENT_SIZE);
+    } else {
+      // Connected, and silent.
+      hostile.push_back(std::move(c));
+      continue;
+    }
+    send(xpcfd(c->con()), m.data(), m.size(), MSG_NOSIGNAL);
+    hostile.push_back(std::move(c));
+  }
+  EvmConnection_t conn = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn), EvmERROR_NONE);
+  EvmEvent_t ev = named("sys.zel.test.good");
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(EvmEventPost(conn, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+  EvmConnDestroy(conn);
+  long after = d.rssKiB();
+  // A generous bound: the claims alone would be 2.2 GB if memory followed them.
+  EXPECT_LT(after - before, 64 * 1024) << before << " KiB before, " << after << " KiB after";
+  hostile.clear();
+  EXPECT_EQ(d.stop(), 0);
+  EXPECT_EQ(loggedNames(home_).size(), 50u);
 }
 
 }  // namespace

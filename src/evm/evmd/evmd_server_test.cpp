@@ -2,6 +2,7 @@
 // not be written or synced is answered as a failure, and connections are capped per user.
 #include "evm/evmd/evmd_server.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <thread>
@@ -124,6 +125,23 @@ TEST_F(ServerTest, ConnectionsAreCappedPerUserAndAPlaceIsFreedWhenOneEnds) {
     if (got != 0) usleep(10000);
   }
   EXPECT_EQ(got, 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(TcpAdmissionTest, OnlyLoopbackIsAdmittedUntilMembershipNamesTheNodes) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  for (const char* ip : {"127.0.0.1", "127.1.2.3"}) {
+    inet_pton(AF_INET, ip, &a.sin_addr);
+    EXPECT_TRUE(evmd::tcpPeerAllowed(a)) << ip;
+  }
+  for (const char* ip : {"10.0.0.1", "192.168.1.1", "0.0.0.0", "128.0.0.1"}) {
+    inet_pton(AF_INET, ip, &a.sin_addr);
+    EXPECT_FALSE(evmd::tcpPeerAllowed(a)) << ip;
+  }
 }
 
 }  // namespace
