@@ -72,20 +72,21 @@ EvmEvent_t named(const char* name) {
 class RawClient {
  public:
   RawClient() {
-    xpcinit(0, 0, &ctx_, 0);
-    xpcugblmini(ctx_, &g_, 0);
-    ok_ = xpcconnect(g_, kDaemon, 0, &con_, nullptr, nullptr, nullptr, nullptr, 30, 2) == xpcretSUCC;
-  }
-  ~RawClient() {
-    if (con_) xpcdisc(con_);
-    xpcugblmterm(g_);
-    xpcterm(ctx_);
+    xpcctx* ctx = nullptr;
+    xpcugblm* g = nullptr;
+    xpccon* con = nullptr;
+    xpcinit(0, 0, &ctx, 0);
+    ctx_.reset(ctx);
+    xpcugblmini(ctx, &g, 0);
+    g_.reset(g);
+    ok_ = xpcconnect(g, kDaemon, 0, &con, nullptr, nullptr, nullptr, nullptr, 30, 2) == xpcretSUCC;
+    con_.reset(con);
   }
   bool ok() const { return ok_; }
-  xpccon* con() { return con_; }
+  xpccon* con() { return con_.get(); }
   void head(std::uint32_t type, std::uint32_t flags, std::uint64_t data, std::uint32_t bodySize) {
     EvmCommHead_t h = evmCommHead(type, flags, data, bodySize);
-    xpcsend(con_, &h, EVM_COMM_HEAD_SIZE);
+    xpcsend(con_.get(), &h, EVM_COMM_HEAD_SIZE);
   }
   // Connects as a poster (or `connector`), claiming to be `uid`; the connect answer's flags, or
   // -1 when the daemon closed the connection instead of answering.
@@ -96,26 +97,26 @@ class RawClient {
     evmStore32(req.data(), EVM_CONNREQ_OFF_PID, static_cast<std::uint32_t>(getpid()));
     std::memcpy(_evmGetConnectReqDataUidPtr(req.data()), &uid, _evmGetUidSize());
     head(EvmCOMM_CONNECT_REQ, 0, 0, static_cast<std::uint32_t>(len));
-    Evmxpcsend(con_, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), static_cast<EvmUint32_t>(len));
+    Evmxpcsend(con_.get(), reinterpret_cast<Evmxpcmsgh_s*>(req.data()), static_cast<EvmUint32_t>(len));
     EvmCommHead_t r = answer();
     return r.type == EvmCOMM_CONNECT_RSP ? static_cast<long long>(r.flags) : -1;
   }
   bool connect() { return connectAs(geteuid()) == 0; }
   void post(std::vector<unsigned char> block, std::uint64_t token, std::uint32_t flags = 0) {
     head(EvmCOMM_POST_REQ, flags, token, static_cast<std::uint32_t>(block.size()));
-    xpcsend(con_, block.data(), static_cast<std::uint32_t>(block.size()));
+    xpcsend(con_.get(), block.data(), static_cast<std::uint32_t>(block.size()));
   }
   EvmCommHead_t answer() {
     EvmCommHead_t h{};
     std::uint32_t n = 0;
-    if (xpcreceive(con_, &h, sizeof h, 10000, 0, XPC_WAIT_TIMED, &n) != xpcretSUCC || n != sizeof h) h.type = 0;
+    if (xpcreceive(con_.get(), &h, sizeof h, 10000, 0, XPC_WAIT_TIMED, &n) != xpcretSUCC || n != sizeof h) h.type = 0;
     return h;
   }
 
  private:
-  xpcctx* ctx_ = nullptr;
-  xpcugblm* g_ = nullptr;
-  xpccon* con_ = nullptr;
+  XpcCtx ctx_;
+  XpcGroup g_;
+  XpcCon con_;  // declared last: it leaves its group before the group ends
   bool ok_ = false;
 };
 
