@@ -4,7 +4,9 @@
 // and hostile ones: clients that lie about their user, listen without leave, claim huge lengths
 // or sit idle, and a socket directory or log that someone else has prepared.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
@@ -557,6 +559,58 @@ TEST_F(EvmdTest, HugeLengthClaimsAndIdleClientsCostLittleAndAGoodPosterIsServed)
   hostile.clear();
   EXPECT_EQ(d.stop(), 0);
   EXPECT_EQ(loggedNames(home_).size(), 50u);
+}
+
+}  // namespace
+
+namespace {
+
+// A TCP connection to `ip`:`port`; whether the daemon kept it open long enough to answer a
+// connect request.
+bool tcpAnswered(const char* ip, int port) {
+  std::string addr = std::string("(ADDRESS=(PROTOCOL=tcp)(HOST=") + ip + ")(PORT=" + std::to_string(port) + "))";
+  xpcctx* ctx = nullptr;
+  xpcugblm* g = nullptr;
+  xpccon* con = nullptr;
+  xpcinit(0, 0, &ctx, 0);
+  XpcCtx ctxOwner(ctx);
+  xpcugblmini(ctx, &g, 0);
+  XpcGroup gOwner(g);
+  if (xpcconnect(g, addr.c_str(), 0, &con, nullptr, nullptr, nullptr, nullptr, 5, 0) != xpcretSUCC) return false;
+  XpcCon conOwner(con);
+  std::size_t len = _evmGetConnectReqDataSize();
+  std::vector<unsigned char> req(len, 0);
+  evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+  EvmCommHead_t h = evmCommHead(EvmCOMM_CONNECT_REQ, 0, 0, static_cast<std::uint32_t>(len));
+  xpcsend(con, &h, sizeof h);
+  Evmxpcsend(con, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), static_cast<EvmUint32_t>(len));
+  EvmCommHead_t a{};
+  std::uint32_t n = 0;
+  return xpcreceive(con, &a, sizeof a, 5000, 0, XPC_WAIT_TIMED, &n) == xpcretSUCC && a.type == EvmCOMM_CONNECT_RSP;
+}
+
+TEST_F(EvmdTest, TcpTakesConnectionsFromLoopbackOnly) {
+  // An address of this host that is not loopback: a connection from it is not from a node.
+  std::string outside;
+  ifaddrs* ifs = nullptr;
+  if (getifaddrs(&ifs) == 0) {
+    for (ifaddrs* i = ifs; i != nullptr && outside.empty(); i = i->ifa_next) {
+      if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET) continue;
+      auto* sin = reinterpret_cast<sockaddr_in*>(i->ifa_addr);
+      if ((ntohl(sin->sin_addr.s_addr) >> 24) == 127) continue;
+      char text[INET_ADDRSTRLEN];
+      inet_ntop(AF_INET, &sin->sin_addr, text, sizeof text);
+      outside = text;
+    }
+    freeifaddrs(ifs);
+  }
+  if (outside.empty()) GTEST_SKIP() << "no address but loopback";
+  Daemon d(home_, {"-tcp", "0.0.0.0:0"});
+  std::size_t at = d.banner().find("(PORT=");
+  ASSERT_NE(at, std::string::npos) << d.banner();
+  int port = std::atoi(d.banner().c_str() + at + 6);
+  EXPECT_TRUE(tcpAnswered("127.0.0.1", port));
+  EXPECT_FALSE(tcpAnswered(outside.c_str(), port)) << outside;
 }
 
 }  // namespace
