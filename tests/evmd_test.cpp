@@ -10,6 +10,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -611,6 +612,49 @@ TEST_F(EvmdTest, TcpTakesConnectionsFromLoopbackOnly) {
   int port = std::atoi(d.banner().c_str() + at + 6);
   EXPECT_TRUE(tcpAnswered("127.0.0.1", port));
   EXPECT_FALSE(tcpAnswered(outside.c_str(), port)) << outside;
+}
+
+}  // namespace
+
+namespace {
+
+// The CPU time the process has used, in clock ticks.
+long cpuTicks(pid_t pid) {
+  FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+  if (f == nullptr) return -1;
+  char buf[1024] = "";
+  std::size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+  std::fclose(f);
+  buf[n] = '\0';
+  const char* p = std::strrchr(buf, ')');
+  long utime = 0, stime = 0;
+  // Fields after the name: state, then 10 numbers, then utime and stime.
+  if (p == nullptr || std::sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
+    return -1;
+  return utime + stime;
+}
+
+TEST_F(EvmdTest, OutOfDescriptorsTheDaemonRestsInsteadOfSpinningAndRecovers) {
+  Daemon d(home_);
+  rlimit few{24, 24};
+  ASSERT_EQ(prlimit(d.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+  std::vector<std::unique_ptr<RawClient>> crowd;
+  for (int i = 0; i < 40; ++i) crowd.push_back(std::make_unique<RawClient>());
+  usleep(200 * 1000);
+  long before = cpuTicks(d.pid());
+  usleep(1000 * 1000);
+  long used = cpuTicks(d.pid()) - before;
+  // Spinning on a listener that can't be served would take the whole second (100 ticks).
+  EXPECT_LT(used, 25) << "ticks used in one second with the descriptors gone";
+  crowd.clear();
+  EvmEvent_t ev = named("sys.zel.test.recovered");
+  EvmStatus_t st = EvmERROR_CONNECT;
+  for (int i = 0; i < 50 && st != EvmERROR_NONE; ++i) {
+    st = EvmEventPost(nullptr, ev);
+    if (st != EvmERROR_NONE) usleep(20 * 1000);
+  }
+  EXPECT_EQ(st, EvmERROR_NONE);
+  EvmEventDestroy(ev);
 }
 
 }  // namespace
