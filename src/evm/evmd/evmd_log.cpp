@@ -51,6 +51,12 @@ std::uint32_t plausibleSize(const unsigned char* p, off_t room) {
 
 constexpr std::size_t kScanChunk = 1 << 20;
 
+// Makes a rename in the log's directory durable.
+void syncDirOf(const std::string& path) {
+  OslFd d(open(std::filesystem::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (d) fsync(d.get());
+}
+
 }  // namespace
 
 ssize_t LogIo::write(int fd, const void* buffer, std::size_t size) { return ::write(fd, buffer, size); }
@@ -162,6 +168,7 @@ std::string EventLog::saveDamage(const Span& s) {
   }
   if (io_.fdatasync(out.get()) != 0 || out.close() != 0 || rename(tmp.c_str(), name.c_str()) != 0)
     throw LogError("cannot save the damaged part of the event log to " + name + ": " + errText());
+  syncDirOf(name);
   return name;
 }
 
@@ -184,6 +191,7 @@ void EventLog::rewriteWithout(const std::vector<Span>& keep) {
     }
   if (io_.fdatasync(out.get()) != 0 || rename(tmp.c_str(), path_.c_str()) != 0)
     throw LogError("cannot replace the event log " + path_ + " by its repaired copy: " + errText());
+  syncDirOf(path_);
   fd_ = std::move(out);
   size_ = total;
 }
