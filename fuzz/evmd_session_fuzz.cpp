@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -39,10 +40,15 @@ struct Sink : evmd::SessionSink {
 
 evmd::EventLog& theLog() {
   static NullIo io;
+  // A scratch directory, removed at exit (after the log, which is made later, has closed).
+  static char dir[] = "/tmp/evmd_session_fuzz.XXXXXX";
   static std::string path = [] {
-    char tmpl[] = "/tmp/evmd_session_fuzz.XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) std::abort();
-    return std::string(tmpl) + "/events.log";
+    if (mkdtemp(dir) == nullptr) std::abort();
+    std::atexit([] {
+      std::error_code ec;
+      std::filesystem::remove_all(dir, ec);
+    });
+    return std::string(dir) + "/events.log";
   }();
   static evmd::EventLog log(path, evmd::SyncPolicy::EveryBatch, 0, io);
   return log;
