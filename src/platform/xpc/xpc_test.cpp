@@ -295,11 +295,11 @@ TEST_F(XpcTest, TheLockNotAProbeDecidesWhetherASocketFileIsStale) {
 TEST_F(XpcTest, AConnectionClosedWhileAnotherThreadSelectsStaysWholeUntilTheWaitEnds) {
   xpccon *l, *c, *s;
   pair(kAddr, &l, &c, &s);
-  for (int round = 0; round < 50; ++round) {
+  for (int round = 0; round < 20; ++round) {
     xpccon *c2 = nullptr, *s2 = nullptr;
     ASSERT_EQ(xpcconnect(client_, kAddr, 0, &c2, nullptr, nullptr, nullptr, nullptr, 30, 2), xpcretSUCC);
     ASSERT_EQ(xpcanswer(l, 0, &s2, 0, 0, 0, 0, 0, 32), xpcretSUCC);
-    std::thread waiter([&] { xpcselect(client_, nullptr, 20, 0, XPC_WAIT_TIMED); });
+    std::thread waiter([&] { xpcselect(client_, nullptr, 5, 0, XPC_WAIT_TIMED); });
     xpcdisc(c2);
     waiter.join();
     xpcdisc(s2);
