@@ -7,6 +7,10 @@
 //   Throughput/*      8 threads, each on its own connection, posting through the library; to the
 //                     daemon, and to a bare epoll server that answers the same messages and does
 //                     nothing else
+//   WorstLatency/*    a good poster's slowest post (counter max_us) and the daemon's resident
+//                     memory (rss_kib): alone, and while 100 hostile clients sit on the daemon:
+//                     50 that announced the longest event taken and sent 48 bytes of it, and 50
+//                     that keep connecting with a first message that claims 64 MiB
 // The raw side talks to that bare server too. Both servers run as child processes.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -17,11 +21,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <memory>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -53,15 +62,7 @@ std::vector<unsigned char> typicalBlock() {
 }
 
 EvmCommHead_t head(std::uint32_t type, std::uint64_t data, std::uint32_t body) {
-  EvmCommHead_t h{};
-  _evmFillTransportHeader(&h, EVM_COMM_HEAD_SIZE);
-  h.ident = EVM_COMM_IDENT;
-  h.version = EVM_COMM_VERSION;
-  h.magic = EVM_COMM_MAGIC;
-  h.type = type;
-  h.headerData = data;
-  h.bodySize = body;
-  return h;
+  return evmCommHead(type, 0, data, body);
 }
 
 // ---- The bare server: frames messages, answers connects and posts, nothing more ----
@@ -238,12 +239,111 @@ void throughput(benchmark::State& state, const char* address) {
 void BM_Throughput_Bare(benchmark::State& state) { throughput(state, g_bareAddr.c_str()); }
 void BM_Throughput_Daemon(benchmark::State& state) { throughput(state, nullptr); }
 
+long daemonRssKiB() {
+  FILE* f = std::fopen(("/proc/" + std::to_string(g_daemon) + "/status").c_str(), "r");
+  if (f == nullptr) return -1;
+  char line[256];
+  long kb = -1;
+  while (std::fgets(line, sizeof line, f) != nullptr)
+    if (std::sscanf(line, "VmRSS: %ld kB", &kb) == 1) break;
+  std::fclose(f);
+  return kb;
+}
+
+int daemonSocket() {
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  std::strcpy(sa.sun_path, (g_dir + "/ipc/SYSTEM.evm.acceptor.auth").c_str());
+  if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// 50 clients that announced the longest event and sent a little of it, and a thread that keeps
+// 50 more connecting with a first message that claims 64 MiB.
+class Flood {
+ public:
+  Flood() {
+    std::size_t len = _evmGetConnectReqDataSize();
+    std::vector<unsigned char> req(len, 0);
+    _evmFillTransportHeader(req.data(), static_cast<EvmUint32_t>(len));
+    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+    uid_t me = geteuid();
+    std::memcpy(_evmGetConnectReqDataUidPtr(req.data()), &me, _evmGetUidSize());
+    std::vector<unsigned char> part(48, 0);
+    evmStore32(part.data(), 0, EVM_MAX_EVENT_SIZE);
+    for (int i = 0; i < 50; ++i) {
+      int fd = daemonSocket();
+      if (fd < 0) continue;
+      EvmCommHead_t h = head(EvmCOMM_CONNECT_REQ, 0, static_cast<std::uint32_t>(len));
+      writeAll(fd, &h, sizeof h);
+      writeAll(fd, req.data(), req.size());
+      readAnswer(fd);
+      h = head(EvmCOMM_POST_REQ, 1, EVM_MAX_EVENT_SIZE);
+      writeAll(fd, &h, sizeof h);
+      writeAll(fd, part.data(), part.size());
+      slow_.push_back(fd);
+    }
+    claimer_ = std::thread([this] {
+      std::vector<unsigned char> claim(48, 0);
+      evmStore32(claim.data(), 0, 64u << 20);
+      std::vector<int> open(50, -1);
+      for (std::size_t i = 0; !stop_.load(); i = (i + 1) % open.size()) {
+        if (open[i] >= 0) close(open[i]);
+        open[i] = daemonSocket();
+        if (open[i] >= 0) send(open[i], claim.data(), claim.size(), MSG_NOSIGNAL);
+      }
+      for (int fd : open)
+        if (fd >= 0) close(fd);
+    });
+  }
+  ~Flood() {
+    stop_ = true;
+    claimer_.join();
+    for (int fd : slow_) close(fd);
+  }
+
+ private:
+  std::vector<int> slow_;
+  std::atomic<bool> stop_{false};
+  std::thread claimer_;
+};
+
+void worstLatency(benchmark::State& state, bool flooded) {
+  std::unique_ptr<Flood> flood;
+  if (flooded) flood = std::make_unique<Flood>();
+  EvmConnection_t conn = nullptr;
+  if (EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn) != EvmERROR_NONE) {
+    state.SkipWithError("no daemon");
+    return;
+  }
+  EvmEvent_t ev = typicalEvent();
+  double worst = 0;
+  for (auto _ : state) {
+    auto t0 = std::chrono::steady_clock::now();
+    if (EvmEventPost(conn, ev) != EvmERROR_NONE) state.SkipWithError("post failed");
+    worst = std::max(worst, std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count());
+  }
+  state.counters["max_us"] = worst;
+  state.counters["rss_kib"] = static_cast<double>(daemonRssKiB());
+  EvmEventDestroy(ev);
+  EvmConnDestroy(conn);
+}
+
+void BM_WorstLatency_Alone(benchmark::State& state) { worstLatency(state, false); }
+void BM_WorstLatency_Flooded(benchmark::State& state) { worstLatency(state, true); }
+
 BENCHMARK(BM_PostOpen_Raw);
 BENCHMARK(BM_PostOpen_Daemon);
 BENCHMARK(BM_ConnectPost_Raw);
 BENCHMARK(BM_ConnectPost_Daemon);
 BENCHMARK(BM_Throughput_Bare)->Threads(8)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_Throughput_Daemon)->Threads(8)->UseRealTime()->MinTime(2.0);
+BENCHMARK(BM_WorstLatency_Alone)->Iterations(5000)->UseRealTime();
+BENCHMARK(BM_WorstLatency_Flooded)->Iterations(5000)->UseRealTime();
 
 // Starts vyn_evmd (beside this program's build: ../bin) with the given extra argument.
 pid_t startDaemon(const std::string& self, const char* syncMode) {

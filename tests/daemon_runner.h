@@ -23,9 +23,12 @@ class Daemon {
     int fds[2];
     if (pipe(fds) != 0) std::abort();
     pid_ = fork();
+    errPath_ = home.root() + "/vyn_evmd.stderr";
     if (pid_ == 0) {
       dup2(fds[1], 1);
       close(fds[0]);
+      int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+      if (err >= 0) dup2(err, 2);
       std::vector<std::string> env = {"ZEL_VYN_HOME=" + home.home(), "VYN_IPC_DIR=" + home.root() + "/ipc",
                                       "VYN_REGISTRY=" + home.root() + "/registry.db", "PATH=/usr/bin:/bin"};
       std::vector<char*> envp;
@@ -53,6 +56,29 @@ class Daemon {
   Daemon& operator=(const Daemon&) = delete;
 
   const std::string& banner() const { return banner_; }
+  pid_t pid() const { return pid_; }
+  // What the daemon wrote to standard error so far.
+  std::string errors() const {
+    std::string s;
+    FILE* f = std::fopen(errPath_.c_str(), "r");
+    if (f == nullptr) return s;
+    char buf[4096];
+    std::size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.append(buf, n);
+    std::fclose(f);
+    return s;
+  }
+  // The daemon's resident memory in KiB, from /proc.
+  long rssKiB() const {
+    FILE* f = std::fopen(("/proc/" + std::to_string(pid_) + "/status").c_str(), "r");
+    if (f == nullptr) return -1;
+    char line[256];
+    long kb = -1;
+    while (std::fgets(line, sizeof line, f) != nullptr)
+      if (std::sscanf(line, "VmRSS: %ld kB", &kb) == 1) break;
+    std::fclose(f);
+    return kb;
+  }
   // Stops the daemon (SIGTERM: after the events in hand are written) and gives its exit status.
   int stop(int sig = SIGTERM) {
     kill(pid_, sig);
@@ -65,6 +91,7 @@ class Daemon {
  private:
   pid_t pid_ = -1;
   std::string banner_;
+  std::string errPath_;
 };
 
 // The events of the daemon's log, in order. The caller destroys them.

@@ -1,9 +1,16 @@
 // The event daemon as a whole program: posts from the client library and from a raw client that
 // writes its own bytes, its checks and answers, its log after a clean stop, listeners, clients
-// that send garbage or die, a stale socket, a second daemon, a daemon killed under a client.
+// that send garbage or die, a stale socket, a second daemon, a daemon killed under a client;
+// and hostile ones: clients that lie about their user, listen without leave, claim huge lengths
+// or sit idle, and a socket directory or log that someone else has prepared.
 #include <gtest/gtest.h>
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
+#include <grp.h>
+#include <pwd.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -11,6 +18,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <functional>
+#include <memory>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -65,52 +75,51 @@ EvmEvent_t named(const char* name) {
 class RawClient {
  public:
   RawClient() {
-    xpcinit(0, 0, &ctx_, 0);
-    xpcugblmini(ctx_, &g_, 0);
-    ok_ = xpcconnect(g_, kDaemon, 0, &con_, nullptr, nullptr, nullptr, nullptr, 30, 2) == xpcretSUCC;
-  }
-  ~RawClient() {
-    if (con_) xpcdisc(con_);
-    xpcugblmterm(g_);
-    xpcterm(ctx_);
+    xpcctx* ctx = nullptr;
+    xpcugblm* g = nullptr;
+    xpccon* con = nullptr;
+    xpcinit(0, 0, &ctx, 0);
+    ctx_.reset(ctx);
+    xpcugblmini(ctx, &g, 0);
+    g_.reset(g);
+    ok_ = xpcconnect(g, kDaemon, 0, &con, nullptr, nullptr, nullptr, nullptr, 30, 2) == xpcretSUCC;
+    con_.reset(con);
   }
   bool ok() const { return ok_; }
-  xpccon* con() { return con_; }
+  xpccon* con() { return con_.get(); }
   void head(std::uint32_t type, std::uint32_t flags, std::uint64_t data, std::uint32_t bodySize) {
-    EvmCommHead_t h{};
-    h.ident = EVM_COMM_IDENT;
-    h.version = EVM_COMM_VERSION;
-    h.magic = EVM_COMM_MAGIC;
-    h.type = type;
-    h.flags = flags;
-    h.headerData = data;
-    h.bodySize = bodySize;
-    Evmxpcsend(con_, &h.clschdr, EVM_COMM_HEAD_SIZE);
+    EvmCommHead_t h = evmCommHead(type, flags, data, bodySize);
+    xpcsend(con_.get(), &h, EVM_COMM_HEAD_SIZE);
   }
-  bool connect() {
-    std::vector<unsigned char> req(64, 0);
-    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+  // Connects as a poster (or `connector`), claiming to be `uid`; the connect answer's flags, or
+  // -1 when the daemon closed the connection instead of answering.
+  long long connectAs(uid_t uid, std::uint32_t connector = EvmCOMM_POSTER) {
+    std::size_t len = _evmGetConnectReqDataSize();
+    std::vector<unsigned char> req(len, 0);
+    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, connector);
     evmStore32(req.data(), EVM_CONNREQ_OFF_PID, static_cast<std::uint32_t>(getpid()));
-    head(EvmCOMM_CONNECT_REQ, 0, 0, 64);
-    Evmxpcsend(con_, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), 64);
+    std::memcpy(_evmGetConnectReqDataUidPtr(req.data()), &uid, _evmGetUidSize());
+    head(EvmCOMM_CONNECT_REQ, 0, 0, static_cast<std::uint32_t>(len));
+    Evmxpcsend(con_.get(), reinterpret_cast<Evmxpcmsgh_s*>(req.data()), static_cast<EvmUint32_t>(len));
     EvmCommHead_t r = answer();
-    return r.type == EvmCOMM_CONNECT_RSP && r.flags == 0;
+    return r.type == EvmCOMM_CONNECT_RSP ? static_cast<long long>(r.flags) : -1;
   }
+  bool connect() { return connectAs(geteuid()) == 0; }
   void post(std::vector<unsigned char> block, std::uint64_t token, std::uint32_t flags = 0) {
     head(EvmCOMM_POST_REQ, flags, token, static_cast<std::uint32_t>(block.size()));
-    xpcsend(con_, block.data(), static_cast<std::uint32_t>(block.size()));
+    xpcsend(con_.get(), block.data(), static_cast<std::uint32_t>(block.size()));
   }
   EvmCommHead_t answer() {
     EvmCommHead_t h{};
     std::uint32_t n = 0;
-    if (xpcreceive(con_, &h, sizeof h, 10000, 0, XPC_WAIT_TIMED, &n) != xpcretSUCC || n != sizeof h) h.type = 0;
+    if (xpcreceive(con_.get(), &h, sizeof h, 10000, 0, XPC_WAIT_TIMED, &n) != xpcretSUCC || n != sizeof h) h.type = 0;
     return h;
   }
 
  private:
-  xpcctx* ctx_ = nullptr;
-  xpcugblm* g_ = nullptr;
-  xpccon* con_ = nullptr;
+  XpcCtx ctx_;
+  XpcGroup g_;
+  XpcCon con_;  // declared last: it leaves its group before the group ends
   bool ok_ = false;
 };
 
@@ -338,7 +347,7 @@ TEST_F(EvmdTest, TcpPostersFindTheDaemonThroughTheRegistry) {
   std::size_t errlen = sizeof err;
   ASSERT_EQ(prvrg_init_ext(&rg, PRVRG_LEVEL_DEFAULT, err, &errlen, PRVRG_FLAG_CREATE), PRVRG_SUCC);
   prvrg_terminate(rg);
-  Daemon d(home_, {"-tcp", "0"});
+  Daemon d(home_, {"-tcp", "127.0.0.1:0"});
   ASSERT_NE(d.banner().find("PROTOCOL=tcp"), std::string::npos);
   char host[256];
   ASSERT_GT(utlhost(host, sizeof host), 0);
@@ -378,6 +387,290 @@ TEST_F(EvmdTest, ATornLogEndIsCutBeforeNewEventsFollow) {
   ASSERT_EQ(names.size(), 2u);
   EXPECT_EQ(names[0], "sys.zel.test.before");
   EXPECT_EQ(names[1], "sys.zel.test.after");
+}
+
+}  // namespace
+
+// ---- Hostile clients and a hostile file system ----
+
+namespace {
+
+// Runs `body` in a child that has become the user nobody; its result is the child's exit
+// status, or -1 when the child could not drop to nobody.
+int asNobody(const std::function<int()>& body) {
+  passwd* pw = getpwnam("nobody");
+  if (pw == nullptr) return -1;
+  uid_t uid = pw->pw_uid;
+  gid_t gid = pw->pw_gid;
+  pid_t pid = fork();
+  if (pid == 0) {
+    if (setgroups(0, nullptr) != 0 || setgid(gid) != 0 || setuid(uid) != 0) _exit(97);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) && WEXITSTATUS(status) != 97 ? WEXITSTATUS(status) : -1;
+}
+
+std::string nobodysGroup() {
+  passwd* pw = getpwnam("nobody");
+  group* gr = pw != nullptr ? getgrgid(pw->pw_gid) : nullptr;
+  return gr != nullptr ? gr->gr_name : "";
+}
+
+void noop(EvmConnection_t, EvmCallbackArg_t, EvmCallbackData_t*) {}
+
+int listenStatus() {
+  EvmConnection_t c = nullptr;
+  EvmStatus_t st = EvmConnCreate(EvmCONNECTION_LISTEN, EvmRESPONSE_CALLBACK, nullptr, noop, nullptr, &c);
+  if (st == EvmERROR_NONE) EvmConnDestroy(c);
+  return st;
+}
+
+TEST_F(EvmdTest, AConnectRequestThatClaimsAnotherUserIsRefused) {
+  Daemon d(home_);
+  RawClient liar;
+  EXPECT_EQ(liar.connectAs(geteuid() + 1), static_cast<long long>(evmCommFlag(EvmCOMMFLAG_CONNECTION_REFUSED)));
+  RawClient honest;
+  EXPECT_EQ(honest.connectAs(geteuid()), 0);
+}
+
+TEST_F(EvmdTest, OnlyTheSuperuserAndTheNamedGroupMayListen) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+  std::string grp = nobodysGroup();
+  if (grp.empty()) GTEST_SKIP() << "no user nobody";
+  {
+    Daemon d(home_);
+    EXPECT_EQ(listenStatus(), EvmERROR_NONE);  // the superuser
+    int st = asNobody(listenStatus);
+    if (st < 0) GTEST_SKIP() << "cannot become nobody";
+    EXPECT_EQ(st, EvmERROR_CONNECTION_REFUSED);
+    // Posting is for everyone.
+    EXPECT_EQ(asNobody([] {
+                EvmEvent_t ev = named("sys.zel.test.nobody");
+                EvmStatus_t s = EvmEventPost(nullptr, ev);
+                EvmEventDestroy(ev);
+                return static_cast<int>(s);
+              }),
+              EvmERROR_NONE);
+  }
+  Daemon d(home_, {"-group", grp});
+  EXPECT_EQ(asNobody(listenStatus), EvmERROR_NONE);
+}
+
+TEST_F(EvmdTest, ASocketDirectoryOthersCouldChangeKeepsTheDaemonFromStarting) {
+  std::string ipc = home_.root() + "/ipc";
+  std::filesystem::remove_all(ipc);
+  // Made by the daemon itself: 0755, and a lock file beside the socket.
+  {
+    Daemon d(home_);
+    ASSERT_NE(d.banner().find("listening on"), std::string::npos) << d.errors();
+    struct stat st;
+    ASSERT_EQ(lstat(ipc.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
+    EXPECT_EQ(access((ipc + "/SYSTEM.evm.acceptor.auth.lock").c_str(), F_OK), 0);
+    if (geteuid() == 0) {
+      // An ordinary user can't put anything in its place, whether the daemon runs or not.
+      auto squat = [&] {
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un sa{};
+        sa.sun_family = AF_UNIX;
+        std::strcpy(sa.sun_path, (ipc + "/SYSTEM.evm.acceptor.auth").c_str());
+        unlink(sa.sun_path);
+        return bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 ? 1 : 0;
+      };
+      EXPECT_EQ(asNobody(squat), 0);
+      d.stop();
+      EXPECT_EQ(asNobody(squat), 0);
+    }
+  }
+  const std::string unsafe = "is not safe";
+  ASSERT_EQ(chmod(ipc.c_str(), 0777), 0);
+  {
+    Daemon d(home_);
+    EXPECT_EQ(d.banner(), "");
+    EXPECT_EQ(d.stop(), 1);
+    EXPECT_NE(d.errors().find(unsafe), std::string::npos) << d.errors();
+  }
+  std::filesystem::remove_all(ipc);
+  std::string elsewhere = home_.root() + "/elsewhere";
+  ASSERT_EQ(mkdir(elsewhere.c_str(), 0755), 0);
+  ASSERT_EQ(symlink(elsewhere.c_str(), ipc.c_str()), 0);
+  {
+    Daemon d(home_);
+    EXPECT_EQ(d.stop(), 1);
+    EXPECT_NE(d.errors().find(unsafe), std::string::npos) << d.errors();
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+  }
+  if (geteuid() == 0) {
+    unlink(ipc.c_str());
+    ASSERT_EQ(mkdir(ipc.c_str(), 0755), 0);
+    ASSERT_EQ(chown(ipc.c_str(), 65534, 65534), 0);
+    Daemon d(home_);
+    EXPECT_EQ(d.stop(), 1);
+    EXPECT_NE(d.errors().find(unsafe), std::string::npos) << d.errors();
+  }
+}
+
+TEST_F(EvmdTest, ASymlinkedLogKeepsTheDaemonFromStartingAndItsTargetIsUntouched) {
+  std::filesystem::create_directories(home_.home() + "/log/evm");
+  std::string target = home_.root() + "/precious";
+  vyntest::spit(target, "precious bytes");
+  ASSERT_EQ(symlink(target.c_str(), (home_.home() + "/log/evm/events.log").c_str()), 0);
+  Daemon d(home_);
+  EXPECT_EQ(d.banner(), "");
+  EXPECT_EQ(d.stop(), 1);
+  EXPECT_NE(d.errors().find("symbolic link"), std::string::npos) << d.errors();
+  EXPECT_EQ(vyntest::slurp(target), "precious bytes");
+}
+
+TEST_F(EvmdTest, HugeLengthClaimsAndIdleClientsCostLittleAndAGoodPosterIsServed) {
+  Daemon d(home_);
+  long before = d.rssKiB();
+  std::vector<std::unique_ptr<RawClient>> hostile;
+  for (int i = 0; i < 100; ++i) {
+    auto c = std::make_unique<RawClient>();
+    ASSERT_TRUE(c->ok());
+    std::vector<unsigned char> m(48, 0);
+    if (i % 3 == 0) {
+      // A first message of 64 MiB.
+      evmStore32(m.data(), 0, 64u << 20);
+    } else if (i % 3 == 1) {
+      // A post of the longest event taken, of which a few bytes come.
+      ASSERT_TRUE(c->connect());
+      c->head(EvmCOMM_POST_REQ, 0, 1, EVM_MAX_EVENT_SIZE);
+      evmStore32(m.data(), 0, EVM_MAX_EVENT_SIZE);
+    } else {
+      // Connected, and silent.
+      hostile.push_back(std::move(c));
+      continue;
+    }
+    send(xpcfd(c->con()), m.data(), m.size(), MSG_NOSIGNAL);
+    hostile.push_back(std::move(c));
+  }
+  EvmConnection_t conn = nullptr;
+  ASSERT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &conn), EvmERROR_NONE);
+  EvmEvent_t ev = named("sys.zel.test.good");
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(EvmEventPost(conn, ev), EvmERROR_NONE);
+  EvmEventDestroy(ev);
+  EvmConnDestroy(conn);
+  long after = d.rssKiB();
+  // A generous bound: the claims alone would be 2.2 GB if memory followed them.
+  EXPECT_LT(after - before, 64 * 1024) << before << " KiB before, " << after << " KiB after";
+  hostile.clear();
+  EXPECT_EQ(d.stop(), 0);
+  EXPECT_EQ(loggedNames(home_).size(), 50u);
+}
+
+}  // namespace
+
+namespace {
+
+// A TCP connection to `ip`:`port`; whether the daemon kept it open long enough to answer a
+// connect request.
+bool tcpAnswered(const char* ip, int port) {
+  std::string addr = std::string("(ADDRESS=(PROTOCOL=tcp)(HOST=") + ip + ")(PORT=" + std::to_string(port) + "))";
+  xpcctx* ctx = nullptr;
+  xpcugblm* g = nullptr;
+  xpccon* con = nullptr;
+  xpcinit(0, 0, &ctx, 0);
+  XpcCtx ctxOwner(ctx);
+  xpcugblmini(ctx, &g, 0);
+  XpcGroup gOwner(g);
+  if (xpcconnect(g, addr.c_str(), 0, &con, nullptr, nullptr, nullptr, nullptr, 5, 0) != xpcretSUCC) return false;
+  XpcCon conOwner(con);
+  std::size_t len = _evmGetConnectReqDataSize();
+  std::vector<unsigned char> req(len, 0);
+  evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+  EvmCommHead_t h = evmCommHead(EvmCOMM_CONNECT_REQ, 0, 0, static_cast<std::uint32_t>(len));
+  xpcsend(con, &h, sizeof h);
+  Evmxpcsend(con, reinterpret_cast<Evmxpcmsgh_s*>(req.data()), static_cast<EvmUint32_t>(len));
+  EvmCommHead_t a{};
+  std::uint32_t n = 0;
+  return xpcreceive(con, &a, sizeof a, 5000, 0, XPC_WAIT_TIMED, &n) == xpcretSUCC && a.type == EvmCOMM_CONNECT_RSP;
+}
+
+TEST_F(EvmdTest, TcpTakesConnectionsFromLoopbackOnly) {
+  // An address of this host that is not loopback: a connection from it is not from a node.
+  std::string outside;
+  ifaddrs* ifs = nullptr;
+  if (getifaddrs(&ifs) == 0) {
+    for (ifaddrs* i = ifs; i != nullptr && outside.empty(); i = i->ifa_next) {
+      if (i->ifa_addr == nullptr || i->ifa_addr->sa_family != AF_INET) continue;
+      auto* sin = reinterpret_cast<sockaddr_in*>(i->ifa_addr);
+      if ((ntohl(sin->sin_addr.s_addr) >> 24) == 127) continue;
+      char text[INET_ADDRSTRLEN];
+      inet_ntop(AF_INET, &sin->sin_addr, text, sizeof text);
+      outside = text;
+    }
+    freeifaddrs(ifs);
+  }
+  if (outside.empty()) GTEST_SKIP() << "no address but loopback";
+  Daemon d(home_, {"-tcp", "0.0.0.0:0"});
+  std::size_t at = d.banner().find("(PORT=");
+  ASSERT_NE(at, std::string::npos) << d.banner();
+  int port = std::atoi(d.banner().c_str() + at + 6);
+  EXPECT_TRUE(tcpAnswered("127.0.0.1", port));
+  EXPECT_FALSE(tcpAnswered(outside.c_str(), port)) << outside;
+}
+
+}  // namespace
+
+namespace {
+
+// The CPU time the process has used, in clock ticks.
+long cpuTicks(pid_t pid) {
+  FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+  if (f == nullptr) return -1;
+  char buf[1024] = "";
+  std::size_t n = std::fread(buf, 1, sizeof buf - 1, f);
+  std::fclose(f);
+  buf[n] = '\0';
+  const char* p = std::strrchr(buf, ')');
+  long utime = 0, stime = 0;
+  // Fields after the name: state, then 10 numbers, then utime and stime.
+  if (p == nullptr || std::sscanf(p + 2, "%*c %*d %*d %*d %*d %*d %*u %*u %*u %*u %*u %ld %ld", &utime, &stime) != 2)
+    return -1;
+  return utime + stime;
+}
+
+// Whether this build (and so the daemon beside it) runs under the sanitizers.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+#else
+constexpr bool kSanitized = false;
+#endif
+
+TEST_F(EvmdTest, OutOfDescriptorsTheDaemonRestsInsteadOfSpinningAndRecovers) {
+  // The sanitizers' runtime needs a descriptor of its own for some checks, and takes a process
+  // without one for a faulty one.
+  if (kSanitized) GTEST_SKIP() << "a sanitized daemon can't run out of descriptors";
+  Daemon d(home_);
+  rlimit few{24, 24};
+  ASSERT_EQ(prlimit(d.pid(), RLIMIT_NOFILE, &few, nullptr), 0);
+  std::vector<std::unique_ptr<RawClient>> crowd;
+  for (int i = 0; i < 40; ++i) crowd.push_back(std::make_unique<RawClient>());
+  usleep(200 * 1000);
+  long before = cpuTicks(d.pid());
+  usleep(1000 * 1000);
+  long used = cpuTicks(d.pid()) - before;
+  // Spinning on a listener that can't be served would take the whole second (100 ticks).
+  EXPECT_LT(used, 25) << "ticks used in one second with the descriptors gone";
+  crowd.clear();
+  EvmEvent_t ev = named("sys.zel.test.recovered");
+  EvmStatus_t st = EvmERROR_CONNECT;
+  for (int i = 0; i < 100 && st != EvmERROR_NONE; ++i) {
+    st = EvmEventPost(nullptr, ev);
+    if (st != EvmERROR_NONE) usleep(20 * 1000);
+  }
+  EXPECT_EQ(st, EvmERROR_NONE);
+  EvmEventDestroy(ev);
 }
 
 }  // namespace

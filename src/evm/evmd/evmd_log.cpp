@@ -6,55 +6,232 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
-#include "evm/libevm/evm_io.h"
+#include "evm/libevm/evm.h"
 
 namespace evmd {
 
 namespace {
+
 long long nowMs() {
   timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
+
+std::string errText() { return std::strerror(errno); }
+
+bool preadAll(int fd, void* buffer, std::size_t n, off_t at) {
+  auto* p = static_cast<unsigned char*>(buffer);
+  while (n > 0) {
+    ssize_t r = pread(fd, p, n, at);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return false;
+    p += r;
+    n -= static_cast<std::size_t>(r);
+    at += r;
+  }
+  return true;
+}
+
+// Whether the head at `p` (at least the control part) could start a block of `room` bytes.
+std::uint32_t plausibleSize(const unsigned char* p, off_t room) {
+  std::uint16_t ident, type;
+  std::memcpy(&ident, p + EVM_OFF_CONTROL, sizeof ident);
+  std::memcpy(&type, p + EVM_OFF_CONTROL + 2, sizeof type);
+  std::uint32_t size = evmLoad32(p, EVM_OFF_CONTROL_SIZE);
+  if (ident != EVM_BLOCK_IDENT || type < 1 || type > 3 || size < EVM_OLD_HEAD_SIZE || size > room) return 0;
+  return size;
+}
+
+constexpr std::size_t kScanChunk = 1 << 20;
+
+// Makes a rename in the log's directory durable.
+void syncDirOf(const std::string& path) {
+  OslFd d(open(std::filesystem::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (d) fsync(d.get());
+}
+
 }  // namespace
 
-EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs)
-    : path_(path), policy_(policy), intervalMs_(intervalMs) {
+ssize_t LogIo::write(int fd, const void* buffer, std::size_t size) { return ::write(fd, buffer, size); }
+int LogIo::fdatasync(int fd) { return ::fdatasync(fd); }
+LogIo& LogIo::system() {
+  static LogIo io;
+  return io;
+}
+
+EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, LogIo& io)
+    : path_(path), policy_(policy), intervalMs_(intervalMs), io_(io) {
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-  fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
-  if (fd_ < 0) throw LogError("cannot open the event log " + path + ": " + std::strerror(errno));
-  // Walk to the end of the last whole block.
-  off_t good = 0;
+  // O_NONBLOCK only so that a FIFO put in the log's place can't hang the open; it is refused below.
+  fd_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640));
+  if (!fd_) {
+    if (errno == ELOOP) throw LogError("the event log " + path + " is a symbolic link; refusing to follow it");
+    throw LogError("cannot open the event log " + path + ": " + errText());
+  }
   struct stat st;
-  if (fstat(fd_, &st) != 0) throw LogError("cannot stat the event log " + path);
-  for (;;) {
-    EvmDataBlockType_t type = 0;
-    off_t next = 0;
-    if (_evmGetNextBlockOffset(fd_, good, &type, &next) != EvmERROR_NONE || (type == 0 && next == 0) ||
-        next > st.st_size)
-      break;
-    good = next;
-  }
-  if (good < st.st_size) {
-    truncated_ = static_cast<std::uint64_t>(st.st_size - good);
-    if (ftruncate(fd_, good) != 0) throw LogError("cannot cut the torn end of the event log " + path);
-  }
+  if (fstat(fd_.get(), &st) != 0) throw LogError("cannot stat the event log " + path + ": " + errText());
+  if (!S_ISREG(st.st_mode)) throw LogError("the event log " + path + " is not a regular file");
+  fcntl(fd_.get(), F_SETFL, fcntl(fd_.get(), F_GETFL) & ~O_NONBLOCK);
+  repair();
   lastSyncMs_ = nowMs();
 }
 
 EventLog::~EventLog() {
-  if (fd_ < 0) return;
   try {
     commit();
+    sync();
   } catch (const LogError&) {
+    // Nothing is acknowledged from here on; what the last commit could not write is lost to
+    // a daemon that is going away, and its posters were told.
   }
-  sync();
-  close(fd_);
+}
+
+// The length of the valid block at `at`, or 0. Valid is what a reader takes: a sound head, the
+// checksum if there is one, and every record in place.
+off_t EventLog::validBlockAt(off_t at, off_t size) const {
+  unsigned char head[EVM_HEAD_SIZE];
+  off_t room = size - at;
+  if (room < static_cast<off_t>(EVM_OLD_HEAD_SIZE)) return 0;
+  std::size_t want = static_cast<std::size_t>(std::min<off_t>(room, EVM_HEAD_SIZE));
+  if (!preadAll(fd_.get(), head, want, at)) return 0;
+  std::uint32_t n = plausibleSize(head, room);
+  if (n == 0) return 0;
+  auto* block = static_cast<EvmEventHead_t*>(std::malloc(std::max<std::size_t>(n, EVM_HEAD_SIZE)));
+  if (block == nullptr) return 0;
+  std::memset(block, 0, EVM_HEAD_SIZE);
+  if (!preadAll(fd_.get(), block, n, at) || _evmTestChecksum(block) != EvmERROR_NONE) {
+    std::free(block);
+    return 0;
+  }
+  EvmEvent_t ev = _evmMakeEvent(block);  // frees the block when it fails
+  if (ev == nullptr) return 0;
+  EvmEventDestroy(ev);
+  return n;
+}
+
+// The first offset at or after `from` where a valid block starts, or `size`.
+off_t EventLog::nextValidBlock(off_t from, off_t size) const {
+  std::vector<unsigned char> buf;
+  for (off_t base = from; base < size; base += kScanChunk) {
+    std::size_t n = static_cast<std::size_t>(std::min<off_t>(size - base, kScanChunk + EVM_HEAD_SIZE));
+    buf.resize(n);
+    if (!preadAll(fd_.get(), buf.data(), n, base)) return size;
+    std::size_t last = std::min<std::size_t>(n, kScanChunk);
+    for (std::size_t i = 0; i < last; ++i) {
+      if (n - i < EVM_OFF_CONTROL_SIZE + 4) break;
+      if (plausibleSize(buf.data() + i, size - base - static_cast<off_t>(i)) != 0 &&
+          validBlockAt(base + static_cast<off_t>(i), size) != 0)
+        return base + static_cast<off_t>(i);
+    }
+  }
+  return size;
+}
+
+void EventLog::writeAll(int fd, const unsigned char* p, std::size_t n) {
+  while (n > 0) {
+    ssize_t w = io_.write(fd, p, n);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) throw LogError("cannot write beside the event log " + path_ + ": " + errText());
+    p += w;
+    n -= static_cast<std::size_t>(w);
+  }
+}
+
+// Copies the damaged bytes to the first free <log>.damaged.<n>: written beside under a
+// temporary name, synced, renamed, so that a file of that name is always whole.
+std::string EventLog::saveDamage(const Span& s) {
+  std::string name;
+  for (int n = 1;; ++n) {
+    name = path_ + ".damaged." + std::to_string(n);
+    struct stat st;
+    if (lstat(name.c_str(), &st) != 0 && errno == ENOENT) break;
+  }
+  std::string tmp = name + ".tmp";
+  unlink(tmp.c_str());
+  OslFd out(open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
+  if (!out) throw LogError("cannot save the damaged part of the event log to " + tmp + ": " + errText());
+  std::vector<unsigned char> buf;
+  for (off_t at = s.begin; at < s.end;) {
+    std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - at, kScanChunk));
+    buf.resize(n);
+    if (!preadAll(fd_.get(), buf.data(), n, at)) throw LogError("cannot read the event log " + path_);
+    writeAll(out.get(), buf.data(), n);
+    at += static_cast<off_t>(n);
+  }
+  if (io_.fdatasync(out.get()) != 0 || out.close() != 0 || rename(tmp.c_str(), name.c_str()) != 0)
+    throw LogError("cannot save the damaged part of the event log to " + name + ": " + errText());
+  syncDirOf(name);
+  return name;
+}
+
+// Replaces the log by a copy of the spans to keep: written beside, synced, renamed over it.
+void EventLog::rewriteWithout(const std::vector<Span>& keep) {
+  std::string tmp = path_ + ".repair";
+  unlink(tmp.c_str());
+  OslFd out(open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_APPEND, 0640));
+  if (!out) throw LogError("cannot write the repaired event log " + tmp + ": " + errText());
+  std::vector<unsigned char> buf;
+  off_t total = 0;
+  for (const Span& s : keep)
+    for (off_t at = s.begin; at < s.end;) {
+      std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - at, kScanChunk));
+      buf.resize(n);
+      if (!preadAll(fd_.get(), buf.data(), n, at)) throw LogError("cannot read the event log " + path_);
+      writeAll(out.get(), buf.data(), n);
+      at += static_cast<off_t>(n);
+      total += static_cast<off_t>(n);
+    }
+  if (io_.fdatasync(out.get()) != 0 || rename(tmp.c_str(), path_.c_str()) != 0)
+    throw LogError("cannot replace the event log " + path_ + " by its repaired copy: " + errText());
+  syncDirOf(path_);
+  fd_ = std::move(out);
+  size_ = total;
+}
+
+void EventLog::repair() {
+  struct stat st;
+  if (fstat(fd_.get(), &st) != 0) throw LogError("cannot stat the event log " + path_ + ": " + errText());
+  const off_t size = st.st_size;
+  std::vector<Span> keep, damaged;
+  off_t at = 0;
+  while (at < size) {
+    off_t n = validBlockAt(at, size);
+    if (n > 0) {
+      if (!keep.empty() && keep.back().end == at)
+        keep.back().end = at + n;
+      else
+        keep.push_back({at, at + n});
+      ++events_;
+      at += n;
+      continue;
+    }
+    off_t next = nextValidBlock(at + 1, size);
+    damaged.push_back({at, next});
+    at = next;
+  }
+  size_ = size;
+  if (damaged.empty()) return;
+  // The damaged bytes are safe beside the log before any of them leaves it.
+  for (const Span& d : damaged) {
+    damagedFiles_.push_back(saveDamage(d));
+    removed_ += static_cast<std::uint64_t>(d.end - d.begin);
+  }
+  if (damaged.size() == 1 && damaged[0].end == size) {
+    // Only a torn end: cut it.
+    if (ftruncate(fd_.get(), damaged[0].begin) != 0 || io_.fdatasync(fd_.get()) != 0)
+      throw LogError("cannot cut the torn end of the event log " + path_ + ": " + errText());
+    size_ = damaged[0].begin;
+    return;
+  }
+  rewriteWithout(keep);
 }
 
 void EventLog::add(const void* block, std::size_t size) {
@@ -63,37 +240,53 @@ void EventLog::add(const void* block, std::size_t size) {
   ++batchEvents_;
 }
 
+// Takes a failed batch back out of the file, so that what is there is only what was answered
+// as taken.
+void EventLog::takeBack(off_t size) {
+  if (ftruncate(fd_.get(), size) != 0) {
+    // The bytes stay; a reader takes them for events that their posters were told failed.
+  }
+}
+
 void EventLog::commit() {
   if (batch_.empty()) return;
-  const unsigned char* p = batch_.data();
-  std::size_t left = batch_.size();
+  std::vector<unsigned char> batch;
+  batch.swap(batch_);
+  std::size_t count = batchEvents_;
+  batchEvents_ = 0;
+  const unsigned char* p = batch.data();
+  std::size_t left = batch.size();
   while (left > 0) {
-    ssize_t n = write(fd_, p, left);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      std::string why = std::strerror(errno);
-      // Leave whole blocks only: what part of the batch went out is taken back.
-      struct stat st;
-      if (fstat(fd_, &st) == 0 && st.st_size >= static_cast<off_t>(batch_.size() - left))
-        if (ftruncate(fd_, st.st_size - static_cast<off_t>(batch_.size() - left)) != 0) {
-        }
-      batch_.clear();
-      batchEvents_ = 0;
+    ssize_t n = io_.write(fd_.get(), p, left);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      std::string why = n < 0 ? errText() : "nothing written";
+      takeBack(size_);
       throw LogError("cannot write the event log " + path_ + ": " + why);
     }
     p += n;
     left -= static_cast<std::size_t>(n);
   }
-  events_ += batchEvents_;
-  batch_.clear();
-  batchEvents_ = 0;
   dirty_ = true;
-  if (policy_ == SyncPolicy::EveryBatch || nowMs() - lastSyncMs_ >= intervalMs_) sync();
+  if (policy_ == SyncPolicy::EveryBatch || nowMs() - lastSyncMs_ >= intervalMs_) {
+    try {
+      sync();
+    } catch (const LogError&) {
+      takeBack(size_);
+      throw;
+    }
+  }
+  size_ += static_cast<off_t>(batch.size());
+  events_ += count;
 }
 
 void EventLog::sync() {
   if (!dirty_) return;
-  fdatasync(fd_);
+  if (io_.fdatasync(fd_.get()) != 0) {
+    std::string why = errText();
+    lastSyncMs_ = nowMs();  // not again at once: the next due time retries
+    throw LogError("cannot sync the event log " + path_ + ": " + why);
+  }
   dirty_ = false;
   lastSyncMs_ = nowMs();
 }

@@ -14,11 +14,15 @@
 namespace {
 
 const char kUsage[] =
-    "Usage: vyn_evmd [-tcp [port]] [-sync batch|interval] [-syncms milliseconds]\n"
-    "  -tcp      also listen on TCP (port 0 or none: any free port) and publish the address\n"
-    "            under SYSTEM.evm.rmport.<host> in the registry\n"
-    "  -sync     batch: fdatasync the log before each round's answers leave;\n"
-    "            interval (default): fdatasync at most every -syncms (200) and at the end\n";
+    "Usage: vyn_evmd [-tcp host[:port]] [-group name] [-sync batch|interval] [-syncms milliseconds]\n"
+    "                [-maxclients n] [-maxperuser n]\n"
+    "  -tcp         also listen on TCP at that address (port 0 or none: any free port), take\n"
+    "               connections from loopback only, and publish the address under\n"
+    "               SYSTEM.evm.rmport.<host> in the registry\n"
+    "  -group       members of this group may listen to events, besides the superuser\n"
+    "  -sync        batch: fdatasync the log before each round's answers leave;\n"
+    "               interval (default): fdatasync at most every -syncms (200) and at the end\n"
+    "  -maxclients  connections taken in all (1000); -maxperuser: from one user (128)\n";
 
 bool number(const char* s, int* out) {
   char* end = nullptr;
@@ -28,15 +32,37 @@ bool number(const char* s, int* out) {
   return true;
 }
 
+// host[:port] as a TCP address string; a host is required, so that what we listen on is what
+// the administrator named.
+bool tcpAddress(const std::string& text, std::string* out) {
+  std::string host = text, port = "0";
+  std::size_t colon = text.rfind(':');
+  if (colon != std::string::npos) {
+    host = text.substr(0, colon);
+    port = text.substr(colon + 1);
+  }
+  int p = 0;
+  if (host.empty() || host.find_first_not_of("0123456789") == std::string::npos || !number(port.c_str(), &p) ||
+      p > 65535 || host.find_first_of("()=") != std::string::npos)
+    return false;
+  *out = "(ADDRESS=(PROTOCOL=tcp)(HOST=" + host + ")(PORT=" + std::to_string(p) + "))";
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   evmd::Options o;
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
-    if (a == "-tcp") {
-      o.tcp = true;
-      if (i + 1 < argc && number(argv[i + 1], &o.tcpPort)) ++i;
+    if (a == "-tcp" && i + 1 < argc && tcpAddress(argv[i + 1], &o.tcpAddress)) {
+      ++i;
+    } else if (a == "-group" && i + 1 < argc && *argv[i + 1] != '\0') {
+      o.listenGroup = argv[++i];
+    } else if (a == "-maxclients" && i + 1 < argc && number(argv[i + 1], &o.maxClients)) {
+      ++i;
+    } else if (a == "-maxperuser" && i + 1 < argc && number(argv[i + 1], &o.maxClientsPerUser)) {
+      ++i;
     } else if (a == "-sync" && i + 1 < argc && (std::strcmp(argv[i + 1], "batch") == 0 || std::strcmp(argv[i + 1], "interval") == 0)) {
       o.sync = std::strcmp(argv[++i], "batch") == 0 ? evmd::SyncPolicy::EveryBatch : evmd::SyncPolicy::Interval;
     } else if (a == "-syncms" && i + 1 < argc && number(argv[i + 1], &o.syncIntervalMs)) {
@@ -63,7 +89,7 @@ int main(int argc, char** argv) {
   try {
     evmd::Server server(o);
     // One line when the sockets are up, so that whoever started us can wait for it.
-    std::printf("vyn_evmd: listening on %s%s%s\n", o.localAddress.c_str(), o.tcp ? " " : "", server.tcpAddress().c_str());
+    std::printf("vyn_evmd: listening on %s%s%s\n", o.localAddress.c_str(), o.tcpAddress.empty() ? "" : " ", server.tcpAddress().c_str());
     std::fflush(stdout);
     server.run();
   } catch (const std::exception& e) {

@@ -3,11 +3,15 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <netdb.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,52 +19,62 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "evm/evmd/evmd_session.h"
 #include "evm/libevm/evm.h"
 #include "platform/host/utlhost.h"
 #include "platform/registry/prvrg.h"
 #include "platform/trace/dtr.h"
-#include "platform/xpc/xpc.h"
 
 namespace evmd {
 
 namespace {
 
-constexpr std::size_t kReadChunk = 64 * 1024;
 // Bytes read from one client in one round, so that a flood from one can't starve the others.
 constexpr std::size_t kRoundBudget = 256 * 1024;
 // A listener that doesn't read its notifications is cut off rather than buffered without end.
 constexpr std::size_t kMaxOutBuffer = 16 * 1024 * 1024;
+// How long the listeners rest when accept finds no descriptor free.
+constexpr long long kAcceptPauseMs = 100;
 
-enum class State { ConnectHead, ConnectBody, Ready, PostBody, Closing };
-
-EvmCommHead_t makeHead(std::uint32_t type, std::uint32_t flags, std::uint64_t headerData, std::uint32_t bodySize) {
-  EvmCommHead_t h;
-  std::memset(&h, 0, sizeof h);
-  _evmFillTransportHeader(&h, static_cast<EvmUint32_t>(EVM_COMM_HEAD_SIZE));
-  h.ident = EVM_COMM_IDENT;
-  h.version = EVM_COMM_VERSION;
-  h.magic = EVM_COMM_MAGIC;
-  h.type = type;
-  h.flags = flags;
-  h.headerData = headerData;
-  h.bodySize = bodySize;
-  return h;
+long long nowMs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-void setNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
+std::string errText() { return std::strerror(errno); }
+
+// Whether `uid` (primary group `gid`) belongs to the group `want`, through its primary group or
+// the group file.
+bool inGroup(uid_t uid, gid_t gid, gid_t want) {
+  if (gid == want) return true;
+  std::vector<char> buf(16384);
+  passwd pw;
+  passwd* found = nullptr;
+  if (getpwuid_r(uid, &pw, buf.data(), buf.size(), &found) != 0 || found == nullptr) return false;
+  int n = 64;
+  std::vector<gid_t> groups(static_cast<std::size_t>(n));
+  if (getgrouplist(pw.pw_name, pw.pw_gid, groups.data(), &n) < 0) {
+    groups.resize(static_cast<std::size_t>(n));
+    if (getgrouplist(pw.pw_name, pw.pw_gid, groups.data(), &n) < 0) return false;
+  }
+  return std::find(groups.begin(), groups.begin() + n, want) != groups.begin() + n;
+}
 
 }  // namespace
 
+bool tcpPeerAllowed(const sockaddr_in& addr) {
+  // Once membership exists, the addresses of the cluster's configured nodes join loopback here.
+  return (ntohl(addr.sin_addr.s_addr) >> 24) == 127;
+}
+
 struct Server::Client {
-  int fd = -1;
-  bool tcp = false;
-  State state = State::ConnectHead;
-  std::uint32_t connector = EvmCOMM_NO_CONNECTOR;
-  EvmCommHead_t head{};  // of the message awaited
-  std::vector<unsigned char> in;
-  std::size_t inStart = 0, inEnd = 0;
-  // Messages that wait for the round's commit, and whether each answers an accepted post (whose
-  // answer must turn into a failure if the commit fails).
+  Client(int fd, const Peer& peer, std::uint64_t key) : fd(fd), session(peer), key(key) {}
+  OslFd fd;
+  Session session;
+  std::uint64_t key;  // whom it counts against in perUser_
+  // Messages that wait for the round's commit, and where each answer to an accepted post starts
+  // (it must turn into a failure if the commit fails).
   std::vector<unsigned char> held;
   std::vector<std::size_t> acceptedAt;
   std::vector<unsigned char> out;
@@ -68,32 +82,81 @@ struct Server::Client {
   bool touched = false;
   bool watchingOut = false;
   bool dead = false;
-  bool peerClosed = false;
+};
+
+// What a session's messages lead to, for one client.
+class Server::Sink : public SessionSink {
+ public:
+  Sink(Server& s, Client& c) : s_(s), c_(c) {}
+  void accepted(const EvmEventHead_t* block, std::uint32_t size) override {
+    s_.log_.add(block, size);
+    s_.notify(block, size);
+    ++s_.stats_.accepted;
+  }
+  void answer(const EvmCommHead_t& head, bool acceptedPost) override {
+    if (head.type == EvmCOMM_POST_RSP) {
+      if (head.flags & evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED)) ++s_.stats_.rejected;
+      if (head.flags & evmCommFlag(EvmCOMMFLAG_INVALID_DATA)) ++s_.stats_.invalid;
+    }
+    if (acceptedPost) c_.acceptedAt.push_back(c_.held.size());
+    s_.hold(c_, &head, sizeof head);
+  }
+  void complain(const char* kind, const std::string& detail) override { s_.complain(kind, detail); }
+
+ private:
+  Server& s_;
+  Client& c_;
 };
 
 Server::Server(const Options& options)
     : options_(options),
-      log_(options.home + "/log/evm/events.log", options.sync, options.syncIntervalMs) {
+      log_(options.home + "/log/evm/events.log", options.sync, options.syncIntervalMs,
+           options.logIo != nullptr ? *options.logIo : LogIo::system()),
+      complaints_(nowMs, [](const std::string& line) { dtrWrite(line); }) {
   signal(SIGPIPE, SIG_IGN);
   sigset_t mask;
   sigemptyset(&mask);
   sigaddset(&mask, SIGTERM);
   sigaddset(&mask, SIGINT);
   sigprocmask(SIG_BLOCK, &mask, nullptr);
-  sigfd_ = signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK);
-  epfd_ = epoll_create1(EPOLL_CLOEXEC);
-  if (sigfd_ < 0 || epfd_ < 0) throw ServerError(std::string("cannot set up the event loop: ") + std::strerror(errno));
-  if (xpcinit(0, 0, &ctx_, 0) != xpcretSUCC || xpcugblmini(ctx_, &group_, 0) != xpcretSUCC)
-    throw ServerError("cannot start the transport");
-  int r = xpclisten(group_, options_.localAddress.c_str(), 0, &local_, 0);
+  sigfd_.reset(signalfd(-1, &mask, SFD_CLOEXEC | SFD_NONBLOCK));
+  epfd_.reset(epoll_create1(EPOLL_CLOEXEC));
+  stopfd_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!sigfd_ || !epfd_ || !stopfd_) throw ServerError("cannot set up the event loop: " + errText());
+  if (!options_.listenGroup.empty()) {
+    std::vector<char> buf(16384);
+    group gr;
+    group* found = nullptr;
+    if (getgrnam_r(options_.listenGroup.c_str(), &gr, buf.data(), buf.size(), &found) != 0 || found == nullptr)
+      throw ServerError("no group named " + options_.listenGroup);
+    haveGroup_ = true;
+    groupId_ = gr.gr_gid;
+  }
+  xpcctx* ctx = nullptr;
+  xpcugblm* group = nullptr;
+  if (xpcinit(0, 0, &ctx, 0) != xpcretSUCC) throw ServerError("cannot start the transport");
+  ctx_.reset(ctx);
+  if (xpcugblmini(ctx, &group, 0) != xpcretSUCC) throw ServerError("cannot start the transport");
+  group_.reset(group);
+  xpccon* l = nullptr;
+  int r = xpclisten(group, options_.localAddress.c_str(), 0, &l, 0);
+  local_.reset(l);
   if (r == xpcretENDPTUSED) throw ServerError("another event daemon listens on " + options_.localAddress);
-  if (r != xpcretSUCC) throw ServerError("cannot listen on " + options_.localAddress + " (transport code " + std::to_string(r) + ")");
-  if (options_.tcp) {
-    std::string addr = "(ADDRESS=(PROTOCOL=tcp)(HOST=" + options_.tcpHost + ")(PORT=" + std::to_string(options_.tcpPort) + "))";
-    r = xpclisten(group_, addr.c_str(), 0, &tcpListener_, 0);
-    if (r != xpcretSUCC) throw ServerError("cannot listen on " + addr + " (transport code " + std::to_string(r) + ")");
+  if (r == xpcretNOTAUTH) {
+    const char* dir = std::getenv("VYN_IPC_DIR");
+    throw ServerError(std::string("the socket directory ") + (dir != nullptr && *dir ? dir : "/var/tmp/.vyn") +
+                      " is not safe: it must be a directory, not a symbolic link, owned by uid " +
+                      std::to_string(geteuid()) + " and writable by nobody else");
+  }
+  if (r != xpcretSUCC)
+    throw ServerError("cannot listen on " + options_.localAddress + " (transport code " + std::to_string(r) + ")");
+  if (!options_.tcpAddress.empty()) {
+    r = xpclisten(group, options_.tcpAddress.c_str(), 0, &l, 0);
+    tcpListener_.reset(l);
+    if (r != xpcretSUCC)
+      throw ServerError("cannot listen on " + options_.tcpAddress + " (transport code " + std::to_string(r) + ")");
     char own[256];
-    xpcgetaddr(tcpListener_, own, sizeof own, 0);
+    xpcgetaddr(l, own, sizeof own, 0);
     tcpAddress_ = own;
     if (options_.registerTcp) registerTcpAddress();
   }
@@ -101,29 +164,31 @@ Server::Server(const Options& options)
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.fd = fd;
-    epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev);
+    if (epoll_ctl(epfd_.get(), EPOLL_CTL_ADD, fd, &ev) != 0) throw ServerError("cannot watch a descriptor: " + errText());
   };
-  setNonBlocking(xpcfd(local_));
-  watch(xpcfd(local_));
-  if (tcpListener_ != nullptr) {
-    setNonBlocking(xpcfd(tcpListener_));
-    watch(xpcfd(tcpListener_));
+  for (xpccon* c : {local_.get(), tcpListener_.get()}) {
+    if (c == nullptr) continue;
+    fcntl(xpcfd(c), F_SETFL, fcntl(xpcfd(c), F_GETFL) | O_NONBLOCK);
+    watch(xpcfd(c));
   }
-  watch(sigfd_);
+  watch(sigfd_.get());
+  watch(stopfd_.get());
+  std::string repaired;
+  if (log_.removedBytes() > 0) {
+    repaired = ", took " + std::to_string(log_.removedBytes()) + " damaged bytes out of it into";
+    for (const auto& f : log_.damagedFiles()) repaired += " " + f;
+  }
   dtrWrite(" vyn_evmd started on " + options_.localAddress + (tcpAddress_.empty() ? "" : " and " + tcpAddress_) +
-           ", log " + log_.path() +
-           (log_.truncatedBytes() > 0 ? ", cut a torn end of " + std::to_string(log_.truncatedBytes()) + " bytes" : ""));
+           ", log " + log_.path() + " with " + std::to_string(log_.events()) + " events" + repaired);
 }
 
-Server::~Server() {
-  for (auto& kv : clients_) close(kv.first);
-  clients_.clear();
-  if (local_ != nullptr) xpcdisc(local_);
-  if (tcpListener_ != nullptr) xpcdisc(tcpListener_);
-  if (group_ != nullptr) xpcugblmterm(group_);
-  if (ctx_ != nullptr) xpcterm(ctx_);
-  if (epfd_ >= 0) close(epfd_);
-  if (sigfd_ >= 0) close(sigfd_);
+Server::~Server() = default;
+
+void Server::requestStop() {
+  std::uint64_t one = 1;
+  if (write(stopfd_.get(), &one, sizeof one) != static_cast<ssize_t>(sizeof one)) {
+    // Already signalled: the counter is not read until the loop stops.
+  }
 }
 
 void Server::registerTcpAddress() {
@@ -131,7 +196,7 @@ void Server::registerTcpAddress() {
   std::string published = tcpAddress_;
   char host[256] = "";
   if (utlhost(host, sizeof host) < 1) return;
-  if (options_.tcpHost == "0.0.0.0") {
+  if (tcpAddress_.find("(HOST=0.0.0.0)") != std::string::npos) {
     addrinfo hints{};
     hints.ai_family = AF_INET;
     addrinfo* res = nullptr;
@@ -163,42 +228,111 @@ void Server::registerTcpAddress() {
   prvrg_terminate(rg);
 }
 
-void Server::accept(int listenFd, bool tcp) {
-  for (;;) {
-    int fd = accept4(listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-      if (errno == EINTR) continue;
-      if (errno != EAGAIN && errno != EWOULDBLOCK) dtrWrite(std::string(" vyn_evmd accept: ") + std::strerror(errno));
-      return;
-    }
-    auto c = std::make_unique<Client>();
-    c->fd = fd;
-    c->tcp = tcp;
+void Server::pauseListeners() {
+  pausedUntilMs_ = nowMs() + kAcceptPauseMs;
+  for (xpccon* c : {local_.get(), tcpListener_.get()}) {
+    if (c == nullptr) continue;
+    epoll_event ev{};
+    ev.events = 0;
+    ev.data.fd = xpcfd(c);
+    epoll_ctl(epfd_.get(), EPOLL_CTL_MOD, xpcfd(c), &ev);
+  }
+}
+
+void Server::resumeListeners() {
+  pausedUntilMs_ = -1;
+  for (xpccon* c : {local_.get(), tcpListener_.get()}) {
+    if (c == nullptr) continue;
     epoll_event ev{};
     ev.events = EPOLLIN;
-    ev.data.fd = fd;
-    epoll_ctl(epfd_, EPOLL_CTL_ADD, fd, &ev);
-    clients_[fd] = std::move(c);
+    ev.data.fd = xpcfd(c);
+    epoll_ctl(epfd_.get(), EPOLL_CTL_MOD, xpcfd(c), &ev);
+  }
+}
+
+void Server::accept(int listenFd, bool tcp) {
+  for (;;) {
+    sockaddr_storage ss{};
+    socklen_t len = sizeof ss;
+    OslFd fd(accept4(listenFd, reinterpret_cast<sockaddr*>(&ss), &len, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!fd) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
+      if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+        // The waiting connection stays queued; trying again at once would spin.
+        complain("the daemon has no descriptor left for a new connection", errText());
+        pauseListeners();
+        return;
+      }
+      complain("accept failed", errText());
+      return;
+    }
+    Peer peer;
+    std::uint64_t key = 0;
+    if (tcp) {
+      const auto& sin = reinterpret_cast<const sockaddr_in&>(ss);
+      char text[INET_ADDRSTRLEN] = "";
+      inet_ntop(AF_INET, &sin.sin_addr, text, sizeof text);
+      if (ss.ss_family != AF_INET || !tcpPeerAllowed(sin)) {
+        ++stats_.turnedAway;
+        complain("a TCP connection came from an address that is not admitted", text);
+        continue;
+      }
+      peer.local = false;
+      key = (std::uint64_t{1} << 32) | ntohl(sin.sin_addr.s_addr);
+    } else {
+      ucred cred{};
+      socklen_t clen = sizeof cred;
+      if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &clen) != 0) {
+        complain("a local peer's credentials could not be read", errText());
+        continue;
+      }
+      peer.uid = cred.uid;
+      peer.gid = cred.gid;
+      peer.pid = cred.pid;
+      peer.mayListen = cred.uid == 0 || (haveGroup_ && inGroup(cred.uid, cred.gid, groupId_));
+      key = cred.uid;
+    }
+    if (static_cast<int>(clients_.size()) >= options_.maxClients) {
+      ++stats_.turnedAway;
+      complain("a connection was turned away: the daemon has as many clients as it takes",
+               std::to_string(clients_.size()) + " clients");
+      continue;
+    }
+    int& mine = perUser_[key];
+    if (mine >= options_.maxClientsPerUser) {
+      ++stats_.turnedAway;
+      complain("a connection was turned away: its user has as many connections as one user may",
+               tcp ? "a TCP peer" : "uid " + std::to_string(peer.uid));
+      continue;
+    }
+    int raw = fd.get();
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.fd = raw;
+    if (epoll_ctl(epfd_.get(), EPOLL_CTL_ADD, raw, &ev) != 0) {
+      complain("a connection could not be watched", errText());
+      continue;
+    }
+    ++mine;
+    clients_[raw] = std::make_unique<Client>(fd.release(), peer, key);
     ++stats_.clients;
   }
 }
 
-void Server::drop(Client& c, const char* why) {
+void Server::drop(Client& c) {
   if (c.dead) return;
   c.dead = true;
-  dead_.push_back(c.fd);
-  if (why != nullptr) {
-    ++stats_.dropped;
-    dtrWrite(std::string(" vyn_evmd dropped a client: ") + why);
-  }
+  dead_.push_back(c.fd.get());
 }
 
 void Server::reap() {
   for (int fd : dead_) {
     auto it = clients_.find(fd);
     if (it == clients_.end()) continue;
-    epoll_ctl(epfd_, EPOLL_CTL_DEL, fd, nullptr);
-    close(fd);
+    epoll_ctl(epfd_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    auto u = perUser_.find(it->second->key);
+    if (u != perUser_.end() && --u->second <= 0) perUser_.erase(u);
     clients_.erase(it);
   }
   dead_.clear();
@@ -206,199 +340,86 @@ void Server::reap() {
 
 void Server::readFrom(Client& c) {
   std::size_t budget = kRoundBudget;
-  while (!c.dead && !c.peerClosed && budget > 0) {
-    if (c.in.size() - c.inEnd < kReadChunk) {
-      if (c.inStart > 0) {
-        std::memmove(c.in.data(), c.in.data() + c.inStart, c.inEnd - c.inStart);
-        c.inEnd -= c.inStart;
-        c.inStart = 0;
-      }
-      if (c.in.size() - c.inEnd < kReadChunk) c.in.resize(c.inEnd + kReadChunk);
-    }
-    ssize_t n = recv(c.fd, c.in.data() + c.inEnd, c.in.size() - c.inEnd, MSG_DONTWAIT);
+  bool peerClosed = false;
+  Sink sink(*this, c);
+  while (!c.dead && budget > 0) {
+    std::size_t room = 0;
+    unsigned char* p = c.session.space(&room);
+    ssize_t n = recv(c.fd.get(), p, room, MSG_DONTWAIT);
     if (n > 0) {
-      c.inEnd += static_cast<std::size_t>(n);
       budget -= std::min(budget, static_cast<std::size_t>(n));
-    } else if (n == 0) {
-      c.peerClosed = true;
-    } else if (errno == EINTR) {
+      if (!c.session.received(static_cast<std::size_t>(n), sink)) {
+        ++stats_.dropped;
+        drop(c);
+        return;
+      }
       continue;
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      break;
-    } else {
-      c.peerClosed = true;
     }
-    // Whole messages are acted on as they come, so the buffer holds at most one partial one.
-    while (!c.dead && c.inEnd - c.inStart >= 4) {
-      std::uint32_t len = evmLoad32(c.in.data(), c.inStart);
-      if (len < XPC_HEADER_SIZE || len > XPC_MAX_MESSAGE) {
-        drop(c, "a message length that no message has");
-        return;
-      }
-      if (c.inEnd - c.inStart < len) {
-        if (c.in.size() < len) {
-          std::memmove(c.in.data(), c.in.data() + c.inStart, c.inEnd - c.inStart);
-          c.inEnd -= c.inStart;
-          c.inStart = 0;
-          c.in.resize(len + kReadChunk);
-        }
-        break;
-      }
-      handleMessage(c, c.in.data() + c.inStart, len);
-      c.inStart += len;
-      if (c.inStart == c.inEnd) c.inStart = c.inEnd = 0;
-    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+    peerClosed = true;
+    break;
   }
-  if (c.peerClosed && !c.dead) {
+  if (peerClosed && !c.dead) {
     // What the client sent before it went away still counts; a message it broke off does not.
-    drop(c, c.inEnd > c.inStart ? "it ended inside a message" : nullptr);
-  }
-}
-
-void Server::handleMessage(Client& c, const unsigned char* msg, std::uint32_t len) {
-  EvmCommHead_t h;
-  auto isHead = [&](std::uint32_t type) {
-    if (len != EVM_COMM_HEAD_SIZE) return false;
-    std::memcpy(&h, msg, sizeof h);
-    return h.type == type && h.magic == EVM_COMM_MAGIC;
-  };
-  switch (c.state) {
-    case State::ConnectHead:
-      if (!isHead(EvmCOMM_CONNECT_REQ)) return drop(c, "no connect request");
-      c.head = h;
-      c.state = State::ConnectBody;
-      return;
-    case State::ConnectBody: {
-      std::uint32_t flags = 0;
-      if (len != c.head.bodySize || len < EVM_CONNREQ_OFF_PID) {
-        flags = evmCommFlag(EvmCOMMFLAG_INVALID_DATA);
-      } else {
-        c.connector = evmLoad32(msg, EVM_CONNREQ_OFF_CONNECTOR);
-        // Posters and listeners are served; services and the rest have nothing here.
-        if (c.connector != EvmCOMM_POSTER && c.connector != EvmCOMM_SUBSCRIBER)
-          flags = evmCommFlag(EvmCOMMFLAG_CONNECTION_REFUSED);
-      }
-      answer(c, EvmCOMM_CONNECT_RSP, flags, 0);
-      c.state = flags == 0 ? State::Ready : State::Closing;
-      return;
+    if (c.session.midMessage()) {
+      ++stats_.dropped;
+      complain("a client ended inside a message", "");
     }
-    case State::Ready:
-      if (isHead(EvmCOMM_POST_REQ)) {
-        c.head = h;
-        c.state = State::PostBody;
-        return;
-      }
-      return drop(c, "a message of a type not expected from a client");
-    case State::PostBody:
-      c.state = State::Ready;
-      return handlePost(c, msg, len);
-    case State::Closing:
-      return;
+    drop(c);
   }
 }
 
-void Server::handlePost(Client& c, const unsigned char* msg, std::uint32_t len) {
-  const std::uint64_t token = c.head.headerData;
-  const bool ack = (c.head.flags & evmCommFlag(EvmCOMMFLAG_DO_NOT_ACK)) == 0;
-  std::uint32_t verdict = 0;
-  EvmEvent_t event = nullptr;
-  EvmEventHead_t head;
-  if (len != c.head.bodySize || len < EVM_HEAD_SIZE) {
-    verdict = evmCommFlag(EvmCOMMFLAG_INVALID_DATA);
-  } else {
-    std::memcpy(&head, msg, EVM_HEAD_SIZE);
-    if (head.control.ident != EVM_BLOCK_IDENT || head.control.size < EVM_OLD_HEAD_SIZE || head.control.size > len) {
-      verdict = evmCommFlag(EvmCOMMFLAG_INVALID_DATA);
-    } else if ((head.fldPresBits & (1u << EvmITEM_PRIORITY)) && head.priority > EVM_PRIORITY_MAX) {
-      verdict = evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED);  // well formed, but not an event we take
-    } else {
-      auto* block = static_cast<EvmEventHead_t*>(std::malloc(head.control.size));
-      if (block == nullptr) {
-        verdict = evmCommFlag(EvmCOMMFLAG_RESOURCE_FAILURE);
-      } else {
-        std::memcpy(block, msg, head.control.size);
-        // The checksum first: a translation to the current head would sum the damage anew.
-        if (_evmTestChecksum(block) != EvmERROR_NONE) {
-          std::free(block);
-          verdict = evmCommFlag(EvmCOMMFLAG_INVALID_DATA);
-        } else if ((event = _evmMakeEvent(block)) == nullptr) {
-          verdict = evmCommFlag(EvmCOMMFLAG_INVALID_DATA);
-        } else if ((event->head_p->fldPresBits & (1u << EvmITEM_NAME)) == 0) {
-          verdict = evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED);  // an event without a name says nothing
-        }
-      }
-    }
-  }
-  if (verdict == 0) {
-    log_.add(event->head_p, event->head_p->control.size);
-    notify(reinterpret_cast<const unsigned char*>(event->head_p), event->head_p->control.size);
-    ++stats_.accepted;
-  } else if (verdict == evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED)) {
-    ++stats_.rejected;
-  } else {
-    ++stats_.invalid;
-  }
-  if (event != nullptr) EvmEventDestroy(event);
-  if (ack) {
-    if (verdict == 0) c.acceptedAt.push_back(c.held.size());
-    answer(c, EvmCOMM_POST_RSP, verdict, token);
-  }
-}
-
-void Server::answer(Client& c, std::uint32_t type, std::uint32_t flags, std::uint64_t headerData) {
-  EvmCommHead_t h = makeHead(type, flags, headerData, 0);
-  const auto* p = reinterpret_cast<const unsigned char*>(&h);
-  c.held.insert(c.held.end(), p, p + sizeof h);
+void Server::hold(Client& c, const void* p, std::size_t n) {
+  const auto* b = static_cast<const unsigned char*>(p);
+  c.held.insert(c.held.end(), b, b + n);
   if (!c.touched) {
     c.touched = true;
     touched_.push_back(&c);
   }
 }
 
-void Server::notify(const unsigned char* block, std::uint32_t size) {
+void Server::notify(const EvmEventHead_t* block, std::uint32_t size) {
   for (auto& kv : clients_) {
     Client& s = *kv.second;
-    if (s.dead || s.connector != EvmCOMM_SUBSCRIBER || s.state == State::Closing) continue;
+    if (s.dead || !s.session.listening()) continue;
     if (s.out.size() - s.outStart + s.held.size() > kMaxOutBuffer) {
-      drop(s, "a listener that does not read its events");
+      ++stats_.dropped;
+      complain("a listener that does not read its events was cut off", "");
+      drop(s);
       continue;
     }
-    EvmCommHead_t h = makeHead(EvmCOMM_NOTIFY, 0, 0, size);
-    const auto* p = reinterpret_cast<const unsigned char*>(&h);
-    s.held.insert(s.held.end(), p, p + sizeof h);
+    EvmCommHead_t h = evmCommHead(EvmCOMM_NOTIFY, 0, 0, size);
+    hold(s, &h, sizeof h);
     std::size_t at = s.held.size();
-    s.held.insert(s.held.end(), block, block + size);
+    hold(s, block, size);
     _evmFillTransportHeader(s.held.data() + at, size);
-    if (!s.touched) {
-      s.touched = true;
-      touched_.push_back(&s);
-    }
   }
 }
 
 void Server::flushOut(Client& c) {
   while (!c.dead && c.outStart < c.out.size()) {
-    ssize_t n = send(c.fd, c.out.data() + c.outStart, c.out.size() - c.outStart, MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t n = send(c.fd.get(), c.out.data() + c.outStart, c.out.size() - c.outStart, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
       c.outStart += static_cast<std::size_t>(n);
       continue;
     }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    drop(c, nullptr);  // the client went away; what it was owed has nowhere to go
+    drop(c);  // the client went away; what it was owed has nowhere to go
     return;
   }
   bool pendingOut = c.outStart < c.out.size();
   if (!pendingOut) {
     c.out.clear();
     c.outStart = 0;
-    if (c.state == State::Closing) return drop(c, nullptr);
+    if (c.session.closing()) return drop(c);
   }
   if (pendingOut != c.watchingOut && !c.dead) {
     epoll_event ev{};
     ev.events = EPOLLIN | (pendingOut ? EPOLLOUT : 0u);
-    ev.data.fd = c.fd;
-    epoll_ctl(epfd_, EPOLL_CTL_MOD, c.fd, &ev);
+    ev.data.fd = c.fd.get();
+    epoll_ctl(epfd_.get(), EPOLL_CTL_MOD, c.fd.get(), &ev);
     c.watchingOut = pendingOut;
   }
 }
@@ -409,7 +430,7 @@ void Server::endRound() {
     log_.commit();
   } catch (const LogError& e) {
     failed = true;
-    dtrWrite(std::string(" vyn_evmd ") + e.what());
+    complain("the event log failed; the round's posts were answered as failed", e.what());
   }
   for (Client* c : touched_) {
     if (failed) {
@@ -429,8 +450,8 @@ void Server::endRound() {
       c->out.swap(c->held);
     } else {
       c->out.insert(c->out.end(), c->held.begin(), c->held.end());
-      c->held.clear();
     }
+    c->held.clear();
     flushOut(*c);
   }
   touched_.clear();
@@ -438,15 +459,27 @@ void Server::endRound() {
 
 void Server::run() {
   std::vector<epoll_event> events(256);
-  const int localFd = xpcfd(local_), tcpFd = xpcfd(tcpListener_);
+  const int localFd = xpcfd(local_.get()), tcpFd = xpcfd(tcpListener_.get());
   while (!stopping_) {
-    int n = epoll_wait(epfd_, events.data(), static_cast<int>(events.size()), log_.msUntilSyncDue());
+    int timeout = log_.msUntilSyncDue();
+    if (pausedUntilMs_ >= 0) {
+      int left = static_cast<int>(std::max<long long>(0, pausedUntilMs_ - nowMs()));
+      timeout = timeout < 0 ? left : std::min(timeout, left);
+    }
+    int n = epoll_wait(epfd_.get(), events.data(), static_cast<int>(events.size()), timeout);
     if (n < 0) {
       if (errno == EINTR) continue;
-      throw ServerError(std::string("epoll_wait: ") + std::strerror(errno));
+      throw ServerError("epoll_wait: " + errText());
     }
+    if (pausedUntilMs_ >= 0 && nowMs() >= pausedUntilMs_) resumeListeners();
     if (n == 0) {
-      log_.sync();
+      if (log_.msUntilSyncDue() == 0) {
+        try {
+          log_.sync();
+        } catch (const LogError& e) {
+          complain("the event log could not be synced", e.what());
+        }
+      }
       continue;
     }
     for (int i = 0; i < n; ++i) {
@@ -455,10 +488,12 @@ void Server::run() {
         accept(fd, false);
       } else if (fd == tcpFd) {
         accept(fd, true);
-      } else if (fd == sigfd_) {
+      } else if (fd == sigfd_.get()) {
         signalfd_siginfo si;
-        while (read(sigfd_, &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
+        while (read(sigfd_.get(), &si, sizeof si) == static_cast<ssize_t>(sizeof si)) {
         }
+        stopping_ = true;
+      } else if (fd == stopfd_.get()) {
         stopping_ = true;
       } else {
         auto it = clients_.find(fd);
@@ -475,10 +510,16 @@ void Server::run() {
   for (auto& kv : clients_) readFrom(*kv.second);
   endRound();
   reap();
-  log_.sync();
+  try {
+    log_.sync();
+  } catch (const LogError& e) {
+    complain("the event log could not be synced", e.what());
+  }
+  complaints_.flush();
   dtrWrite(" vyn_evmd stopped: " + std::to_string(stats_.accepted) + " accepted, " + std::to_string(stats_.rejected) +
            " rejected, " + std::to_string(stats_.invalid) + " invalid, " + std::to_string(stats_.clients) +
-           " clients, " + std::to_string(stats_.dropped) + " dropped");
+           " clients, " + std::to_string(stats_.dropped) + " dropped, " + std::to_string(stats_.turnedAway) +
+           " turned away");
 }
 
 }  // namespace evmd

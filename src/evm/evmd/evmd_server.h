@@ -1,29 +1,38 @@
 #ifndef EVM_EVMD_EVMD_SERVER_H
 #define EVM_EVMD_EVMD_SERVER_H
 
-// The event daemon's server: one thread, one epoll loop over the listening sockets, the clients
-// and a signalfd. Each round reads what the ready clients sent, acts on every whole message,
-// commits the round's accepted events to the log, and only then lets the round's answers go.
+// The event daemon's server: one thread, one epoll loop over the listening sockets, the clients,
+// a signalfd and a stop eventfd. Each round reads what the ready clients sent and hands it to
+// their sessions (evmd_session.h), commits the round's accepted events to the log, and only then
+// lets the round's answers go. Listeners get every accepted event as a notify head and the block.
 //
-// A client speaks: a connect head and request, answered by a connect response; then any number
-// of posts (a head and an event block), each answered unless it carries DO_NOT_ACK. A listen
-// client (connector EvmCOMM_SUBSCRIBER) gets every accepted event as a notify head and the block.
-// Anything else (a bad length word, a message of a type not expected now) ends that client and
-// nothing more.
+// Who may do what. Each local client's credentials are read from the kernel at accept; its
+// connect request must name that same user. Listening is for the superuser and the members of
+// the group given as Options::listenGroup. TCP listens only on the address it is given, and
+// takes connections only from the addresses tcpPeerAllowed admits: today, with no membership
+// layer to name the cluster's nodes, loopback only; that one function is where the configured
+// nodes' addresses will be admitted once membership exists. A TCP peer has no credentials, so it
+// may post but not listen.
+//
+// Bounds. Connections are capped in all and per user (per address for TCP); when accept fails
+// for lack of descriptors the listeners rest for a moment instead of spinning; a session's
+// memory follows the bytes that arrived; complaints about clients are rate limited.
+#include <netinet/in.h>
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "evm/evmd/evmd_complaints.h"
 #include "evm/evmd/evmd_log.h"
-
-struct xpccon;
-struct xpcugblm;
-struct xpcctx;
+#include "evm/libevm/evm_wire.h"
+#include "platform/osl/osl_fd.h"
+#include "platform/xpc/xpc.h"
 
 namespace evmd {
 
@@ -35,12 +44,14 @@ class ServerError : public std::runtime_error {
 struct Options {
   std::string home;          // ZEL_VYN_HOME; the log lives in <home>/log/evm/
   std::string localAddress;  // the ipc address to listen on
-  bool tcp = false;          // also listen on TCP
-  int tcpPort = 0;           // 0: any free port
-  std::string tcpHost = "0.0.0.0";
+  std::string tcpAddress;    // a TCP address to listen on too, "(ADDRESS=(PROTOCOL=tcp)(HOST=h)(PORT=p))"; empty: none
   bool registerTcp = true;   // write the TCP address under SYSTEM.evm.rmport.<host>
+  std::string listenGroup;   // members of this group may listen, besides the superuser
   SyncPolicy sync = SyncPolicy::Interval;
   int syncIntervalMs = 200;
+  int maxClients = 1000;
+  int maxClientsPerUser = 128;
+  LogIo* logIo = nullptr;  // the log's file calls; null: the system's
 };
 
 struct Stats {
@@ -49,7 +60,11 @@ struct Stats {
   std::uint64_t invalid = 0;
   std::uint64_t clients = 0;
   std::uint64_t dropped = 0;  // clients cut off for garbage or a broken connection
+  std::uint64_t turnedAway = 0;  // connections closed at accept: not admitted or over a cap
 };
+
+// Whether a TCP peer at `addr` may connect: loopback until membership names the nodes.
+bool tcpPeerAllowed(const sockaddr_in& addr);
 
 class Server {
  public:
@@ -58,40 +73,48 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Runs until SIGTERM or SIGINT (which the constructor blocks and takes through a signalfd),
-  // then writes what is in hand and returns.
+  // Runs until SIGTERM or SIGINT (which the constructor blocks and takes through a signalfd), or
+  // requestStop, then writes what is in hand and returns.
   void run();
+  // Makes run return; safe from any thread.
+  void requestStop();
   const Stats& stats() const { return stats_; }
   std::string tcpAddress() const { return tcpAddress_; }
   std::string logPath() const { return log_.path(); }
 
  private:
   struct Client;
+  class Sink;
   void accept(int listenFd, bool tcp);
+  bool admit(Client& c, int fd, bool tcp);
   void readFrom(Client& c);
-  void handleMessage(Client& c, const unsigned char* msg, std::uint32_t len);
-  void handlePost(Client& c, const unsigned char* msg, std::uint32_t len);
-  void answer(Client& c, std::uint32_t type, std::uint32_t flags, std::uint64_t headerData);
-  void notify(const unsigned char* block, std::uint32_t size);
+  void notify(const EvmEventHead_t* block, std::uint32_t size);
+  void hold(Client& c, const void* p, std::size_t n);
   void flushOut(Client& c);
   void endRound();
-  void drop(Client& c, const char* why);
+  void drop(Client& c);
   void reap();
+  void pauseListeners();
+  void resumeListeners();
   void registerTcpAddress();
+  void complain(const char* kind, const std::string& detail) { complaints_.note(kind, detail); }
 
   Options options_;
   EventLog log_;
   Stats stats_;
-  int epfd_ = -1;
-  int sigfd_ = -1;
-  xpcctx* ctx_ = nullptr;
-  xpcugblm* group_ = nullptr;
-  xpccon* local_ = nullptr;
-  xpccon* tcpListener_ = nullptr;
+  Complaints complaints_;
+  OslFd epfd_, sigfd_, stopfd_;
+  XpcCtx ctx_;
+  XpcGroup group_;
+  XpcCon local_, tcpListener_;
   std::string tcpAddress_;
+  bool haveGroup_ = false;
+  gid_t groupId_ = 0;
   std::unordered_map<int, std::unique_ptr<Client>> clients_;
+  std::map<std::uint64_t, int> perUser_;
   std::vector<Client*> touched_;  // clients with answers held for the round's commit
   std::vector<int> dead_;
+  long long pausedUntilMs_ = -1;
   bool stopping_ = false;
 };
 

@@ -7,7 +7,9 @@
 // the event. The client library and the daemon both read and write through these names only.
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
+#include "evm/libevm/evm_io.h"
 #include "evm/libevm/evm_wire.h"
 
 typedef std::uint16_t EvmCommVersion_t;
@@ -108,6 +110,29 @@ enum EvmCommFlagItems_e : std::uint32_t {
 };
 
 constexpr EvmCommFlag_t evmCommFlag(EvmCommFlagItems_e bit) { return 1u << bit; }
+
+// The one way to make a head: transport header for its own 88 bytes, the constant fields, and
+// the four that vary. Client, daemon, tests and benchmarks all build heads here, so that none
+// can send one whose length word or magic differs from the others'.
+inline EvmCommHead_t evmCommHead(EvmCommType_t type, EvmCommFlag_t flags, EvmCommHeaderData_t headerData,
+                                 EvmCommSize_t bodySize) {
+  EvmCommHead_t h;
+  std::memset(&h, 0, sizeof h);
+  _evmFillTransportHeader(&h, static_cast<EvmUint32_t>(EVM_COMM_HEAD_SIZE));
+  h.ident = EVM_COMM_IDENT;
+  h.version = EVM_COMM_VERSION;
+  h.magic = EVM_COMM_MAGIC;
+  h.type = type;
+  h.flags = flags;
+  h.headerData = headerData;
+  h.bodySize = bodySize;
+  return h;
+}
+
+// The longest event block the daemon takes. A post that announces a longer one is answered
+// EVENT_REJECTED and its bytes are dropped as they come, so that no claim of a length makes
+// the daemon take memory for bytes that have not arrived.
+constexpr std::uint32_t EVM_MAX_EVENT_SIZE = 1u << 20;
 
 // ---- Connect request: the message behind a EvmCOMM_CONNECT_REQ head ----
 // The process and user ids are objects of the OS services layer whose sizes are known only at

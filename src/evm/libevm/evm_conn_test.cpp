@@ -30,14 +30,7 @@ std::vector<unsigned char> take(xpccon* con) {
 }
 
 void give(xpccon* con, std::uint32_t type, std::uint32_t flags, std::uint64_t headerData = 0) {
-  EvmCommHead_t h{};
-  _evmFillTransportHeader(&h, EVM_COMM_HEAD_SIZE);
-  h.ident = EVM_COMM_IDENT;
-  h.version = EVM_COMM_VERSION;
-  h.magic = EVM_COMM_MAGIC;
-  h.type = type;
-  h.flags = flags;
-  h.headerData = headerData;
+  EvmCommHead_t h = evmCommHead(type, flags, headerData, 0);
   xpcsend(con, &h, EVM_COMM_HEAD_SIZE);
 }
 

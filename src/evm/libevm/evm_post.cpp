@@ -35,14 +35,7 @@ void releaseChannel(EvmConnection_t c) {
 
 void fillHead(EvmCommHead_t* h, EvmCommType_t type, EvmCommFlag_t flags, EvmCommHeaderData_t headerData,
               EvmCommSize_t bodySize) {
-  std::memset(h, 0, sizeof *h);
-  h->ident = EVM_COMM_IDENT;
-  h->version = EVM_COMM_VERSION;
-  h->magic = EVM_COMM_MAGIC;
-  h->type = type;
-  h->flags = flags;
-  h->headerData = headerData;
-  h->bodySize = bodySize;
+  *h = evmCommHead(type, flags, headerData, bodySize);
 }
 
 void callBack(EvmConnection_t c, EvmCallbackData_t* data) {

@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -18,13 +19,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
+
+#include "platform/osl/osl_fd.h"
 
 struct xpcctx {
   int users = 0;
@@ -36,7 +41,8 @@ struct xpcugblm {
 };
 
 struct xpccon {
-  int fd = -1;
+  OslFd fd;
+  OslFd lock;  // a local listener's lock file, held while it listens
   bool listener = false;
   bool tcp = false;
   xpcugblm* group = nullptr;
@@ -51,6 +57,10 @@ struct xpccon {
   std::size_t end = 0;
   bool eof = false;
   bool broken = false;
+  // The owner's reference and one for each xpcselect that is looking at the connection, so that
+  // a connection closed by one thread while another waits on it stays whole (descriptor
+  // included, so its number can't be reused under the wait) until the last of them lets go.
+  std::atomic<int> refs{1};
 };
 
 namespace {
@@ -223,6 +233,45 @@ int waitFd(int fd, short events, long long deadline) {
   }
 }
 
+// Drops one reference; the last one closes the descriptor and frees the connection, and
+// reports how the close went.
+int unref(xpccon* c) {
+  if (c->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return xpcretSUCC;
+  int r = c->fd.close() == 0 ? xpcretSUCC : xpcretFAIL;
+  delete c;
+  return r;
+}
+
+// The socket directory, made if it is missing. Whoever may write into it could put their own
+// socket in the daemon's place, so it must be ours, a real directory (a symlink is not
+// followed), and writable by nobody else; otherwise xpcretNOTAUTH.
+int openIpcDir(const std::string& dir, OslFd* out) {
+  bool made = mkdir(dir.c_str(), 0755) == 0;
+  if (!made && errno != EEXIST) return errno == EACCES ? xpcretNOTAUTH : errnoToRet(errno);
+  OslFd d(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!d) return errno == ELOOP || errno == ENOTDIR || errno == EACCES ? xpcretNOTAUTH : errnoToRet(errno);
+  // mkdir's mode passed through the umask; set the one we mean.
+  if (made && fchmod(d.get(), 0755) != 0) return errnoToRet(errno);
+  struct stat st;
+  if (fstat(d.get(), &st) != 0) return errnoToRet(errno);
+  if (st.st_uid != geteuid() || (st.st_mode & (S_IWGRP | S_IWOTH)) != 0) return xpcretNOTAUTH;
+  *out = std::move(d);
+  return xpcretSUCC;
+}
+
+// Takes the listener's lock file beside the socket. A running listener holds it; a socket file
+// found while we hold it is stale and ours to replace.
+int lockIpcKey(int dirFd, const std::string& key, OslFd* out) {
+  std::string name = key + ".lock";
+  OslFd l(openat(dirFd, name.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!l) return errno == ELOOP ? xpcretNOTAUTH : errnoToRet(errno);
+  struct stat st;
+  if (fstat(l.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_uid != geteuid()) return xpcretNOTAUTH;
+  if (flock(l.get(), LOCK_EX | LOCK_NB) != 0) return errno == EWOULDBLOCK ? xpcretENDPTUSED : errnoToRet(errno);
+  *out = std::move(l);
+  return xpcretSUCC;
+}
+
 }  // namespace
 
 int xpcinit(int, int, xpcctx** ctx, int) {
@@ -266,49 +315,39 @@ int xpcconnect(xpcugblm* ugblm, const char* address, int, xpccon** con, void*, v
   *con = nullptr;
   Address a;
   if (!parseAddress(address, &a)) return xpcretBADARG;
-  int fd = -1;
+  OslFd fd;
   if (!a.tcp) {
     sockaddr_un sa;
     if (!unixAddr(ipcDir() + "/" + a.key, &sa)) return xpcretBADARG;
-    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return errnoToRet(errno);
+    fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!fd) return errnoToRet(errno);
     int r;
-    do r = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+    do r = connect(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa);
     while (r != 0 && errno == EINTR);
     if (r != 0) {
       int e = errno;
-      close(fd);
       return e == ENOENT ? xpcretNOENDPT : e == ECONNREFUSED ? xpcretREFUSED : errnoToRet(e);
     }
   } else {
     sockaddr_in sa;
     if (a.port <= 0 || !resolve(a.host, a.port, &sa)) return xpcretNSERR;
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return errnoToRet(errno);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
-      if (errno != EINPROGRESS) {
-        int e = errno;
-        close(fd);
-        return e == ECONNREFUSED ? xpcretREFUSED : errnoToRet(e);
-      }
-      int w = waitFd(fd, POLLOUT, nowMs() + 1000LL * (seconds > 0 ? seconds : 30));
+    fd.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd) return errnoToRet(errno);
+    if (connect(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
+      if (errno != EINPROGRESS) return errno == ECONNREFUSED ? xpcretREFUSED : errnoToRet(errno);
+      int w = waitFd(fd.get(), POLLOUT, nowMs() + 1000LL * (seconds > 0 ? seconds : 30));
       int err = 0;
       socklen_t len = sizeof err;
-      if (w != xpcretSUCC || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) {
-        close(fd);
+      if (w != xpcretSUCC || getsockopt(fd.get(), SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0)
         return w == xpcretTIMEOUT ? xpcretTIMEOUT : err == ECONNREFUSED ? xpcretREFUSED : xpcretNOENDPT;
-      }
     }
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    fcntl(fd.get(), F_SETFL, fcntl(fd.get(), F_GETFL) & ~O_NONBLOCK);
     int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   }
   xpccon* c = new (std::nothrow) xpccon;
-  if (c == nullptr) {
-    close(fd);
-    return xpcretNOMEM;
-  }
-  c->fd = fd;
+  if (c == nullptr) return xpcretNOMEM;
+  c->fd = std::move(fd);
   c->tcp = a.tcp;
   c->peerAddr = address;
   join(ugblm, c);
@@ -316,115 +355,90 @@ int xpcconnect(xpcugblm* ugblm, const char* address, int, xpccon** con, void*, v
   return xpcretSUCC;
 }
 
+namespace {
+
+// Binds a local listener: socket directory checked, lock taken, a stale socket file replaced
+// under the lock, the new one created with its mode already set (no chmod by path afterwards).
+int bindIpc(xpccon* c, const std::string& key) {
+  std::string dir = ipcDir(), path = dir + "/" + key;
+  sockaddr_un sa;
+  if (!unixAddr(path, &sa)) return xpcretBADARG;
+  OslFd dirFd;
+  int r = openIpcDir(dir, &dirFd);
+  if (r != xpcretSUCC) return r;
+  r = lockIpcKey(dirFd.get(), key, &c->lock);
+  if (r != xpcretSUCC) return r;
+  if (unlinkat(dirFd.get(), key.c_str(), 0) != 0 && errno != ENOENT) return errnoToRet(errno);
+  c->fd.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!c->fd) return errnoToRet(errno);
+  // Anyone may connect: the daemon asks the kernel who each peer is. The umask is the only way
+  // to give a socket file its mode as it is made.
+  mode_t old = umask(0111);
+  int bound = bind(c->fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa);
+  int e = errno;
+  umask(old);
+  if (bound != 0) return e == EADDRINUSE ? xpcretENDPTUSED : errnoToRet(e);
+  c->socketPath = path;
+  c->ownAddr = std::string("(ADDRESS=(PROTOCOL=ipc)(KEY=") + key + "))";
+  return xpcretSUCC;
+}
+
+int bindTcp(xpccon* c, const Address& a) {
+  sockaddr_in sa;
+  if (!resolve(a.host, a.port, &sa)) return xpcretNSERR;
+  c->fd.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!c->fd) return errnoToRet(errno);
+  int one = 1;
+  setsockopt(c->fd.get(), SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+  socklen_t len = sizeof sa;
+  if (bind(c->fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
+      getsockname(c->fd.get(), reinterpret_cast<sockaddr*>(&sa), &len) != 0)
+    return errno == EADDRINUSE ? xpcretENDPTUSED : errnoToRet(errno);
+  c->ownAddr = tcpText(sa);
+  return xpcretSUCC;
+}
+
+}  // namespace
+
 int xpclisten(xpcugblm* ugblm, const char* address, int, xpccon** lcon, int) {
   if (lcon == nullptr) return xpcretBADARG;
   *lcon = nullptr;
   Address a;
   if (!parseAddress(address, &a)) return xpcretBADARG;
-  auto c = new (std::nothrow) xpccon;
+  std::unique_ptr<xpccon> c(new (std::nothrow) xpccon);
   if (c == nullptr) return xpcretNOMEM;
   c->listener = true;
   c->tcp = a.tcp;
-  int fd = -1;
-  if (!a.tcp) {
-    std::string dir = ipcDir(), path = dir + "/" + a.key;
-    sockaddr_un sa;
-    if (!unixAddr(path, &sa)) {
-      delete c;
-      return xpcretBADARG;
-    }
-    // Anyone may post: the directory is shared like /tmp, the socket open to all.
-    if (mkdir(dir.c_str(), 01777) == 0) chmod(dir.c_str(), 01777);
-    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-      delete c;
-      return errnoToRet(errno);
-    }
-    int bound = bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa);
-    if (bound != 0 && errno == EADDRINUSE) {
-      // A socket file is there. If something answers on it, the address is taken; if not,
-      // it was left by a process that died, and we take its place.
-      int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      bool alive = probe >= 0 && connect(probe, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0;
-      if (probe >= 0) close(probe);
-      if (alive) {
-        close(fd);
-        delete c;
-        return xpcretENDPTUSED;
-      }
-      unlink(path.c_str());
-      if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
-        int e = errno;
-        close(fd);
-        delete c;
-        return errnoToRet(e);
-      }
-    } else if (bound != 0) {
-      int e = errno;
-      close(fd);
-      delete c;
-      return errnoToRet(e);
-    }
-    chmod(path.c_str(), 0666);
-    c->socketPath = path;
-    c->ownAddr = std::string("(ADDRESS=(PROTOCOL=ipc)(KEY=") + a.key + "))";
-  } else {
-    sockaddr_in sa;
-    if (!resolve(a.host, a.port, &sa)) {
-      delete c;
-      return xpcretNSERR;
-    }
-    fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-      delete c;
-      return errnoToRet(errno);
-    }
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    socklen_t len = sizeof sa;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0 ||
-        getsockname(fd, reinterpret_cast<sockaddr*>(&sa), &len) != 0) {
-      int e = errno;
-      close(fd);
-      delete c;
-      return e == EADDRINUSE ? xpcretENDPTUSED : errnoToRet(e);
-    }
-    c->ownAddr = tcpText(sa);
-  }
-  if (listen(fd, 128) != 0) {
-    int e = errno;
-    close(fd);
+  int r = a.tcp ? bindTcp(c.get(), a) : bindIpc(c.get(), a.key);
+  if (r == xpcretSUCC && listen(c->fd.get(), 128) != 0) r = errnoToRet(errno);
+  if (r != xpcretSUCC) {
+    // The socket file is removed only if we made it, that is under our lock.
     if (!c->socketPath.empty()) unlink(c->socketPath.c_str());
-    delete c;
-    return errnoToRet(e);
+    return r;
   }
-  c->fd = fd;
-  join(ugblm, c);
-  *lcon = c;
+  join(ugblm, c.get());
+  *lcon = c.release();
   return xpcretSUCC;
 }
 
 int xpcanswer(xpccon* lcon, int, xpccon** con, int, int, int, int, int, int) {
   if (lcon == nullptr || !lcon->listener || con == nullptr) return xpcretBADARG;
   *con = nullptr;
-  int fd;
-  do fd = accept4(lcon->fd, nullptr, nullptr, SOCK_CLOEXEC);
-  while (fd < 0 && errno == EINTR);
-  if (fd < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? xpcretNODATA : errnoToRet(errno);
-  auto c = new (std::nothrow) xpccon;
-  if (c == nullptr) {
-    close(fd);
-    return xpcretNOMEM;
-  }
-  c->fd = fd;
+  OslFd fd;
+  do fd.reset(accept4(lcon->fd.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  while (!fd && errno == EINTR);
+  if (!fd) return errno == EAGAIN || errno == EWOULDBLOCK ? xpcretNODATA : errnoToRet(errno);
+  xpccon* c = new (std::nothrow) xpccon;
+  if (c == nullptr) return xpcretNOMEM;
+  c->fd = std::move(fd);
   c->tcp = lcon->tcp;
   c->ownAddr = lcon->ownAddr;
   if (c->tcp) {
     int one = 1;
-    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    setsockopt(c->fd.get(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     sockaddr_in sa;
     socklen_t len = sizeof sa;
-    if (getpeername(fd, reinterpret_cast<sockaddr*>(&sa), &len) == 0) c->peerAddr = tcpText(sa);
+    if (getpeername(c->fd.get(), reinterpret_cast<sockaddr*>(&sa), &len) == 0) c->peerAddr = tcpText(sa);
   } else {
     c->peerAddr = "(ADDRESS=(PROTOCOL=ipc))";
   }
@@ -445,13 +459,12 @@ int xpcgetaddr(xpccon* con, char* buffer, std::size_t size, int flags) {
 int xpcdisc(xpccon* con) {
   if (con == nullptr) return xpcretBADARG;
   leave(con);
-  int r = close(con->fd) == 0 ? xpcretSUCC : xpcretFAIL;
+  // Our lock is still held here, so the file we remove is ours.
   if (!con->socketPath.empty()) unlink(con->socketPath.c_str());
-  delete con;
-  return r;
+  return unref(con);
 }
 
-int xpcfd(const xpccon* con) { return con != nullptr ? con->fd : -1; }
+int xpcfd(const xpccon* con) { return con != nullptr ? con->fd.get() : -1; }
 
 int xpcsend(xpccon* con, const void* buffer, std::uint32_t length) {
   if (con == nullptr || buffer == nullptr || con->listener || length < XPC_HEADER_SIZE) return xpcretBADARG;
@@ -461,11 +474,11 @@ int xpcsend(xpccon* con, const void* buffer, std::uint32_t length) {
   std::lock_guard<std::mutex> lock(con->sendMx);
   std::size_t left = length;
   while (left > 0) {
-    ssize_t n = send(con->fd, p, left, MSG_NOSIGNAL);
+    ssize_t n = send(con->fd.get(), p, left, MSG_NOSIGNAL);
     if (n < 0) {
       if (errno == EINTR) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) {
-        if (waitFd(con->fd, POLLOUT, -1) == xpcretFAIL) return xpcretFAIL;
+        if (waitFd(con->fd.get(), POLLOUT, -1) == xpcretFAIL) return xpcretFAIL;
         continue;
       }
       return errnoToRet(errno);
@@ -505,8 +518,9 @@ int xpcreceive(xpccon* con, void* buffer, std::uint32_t length, int timeoutMs, i
       need = len;
     }
     if (con->eof) return avail == 0 ? xpcretRMTDISC : xpcretRMTFAIL;
-    if (!reserve(con, need - avail)) return xpcretNOMEM;
-    ssize_t n = recv(con->fd, con->buf.data() + con->end, con->buf.size() - con->end, MSG_DONTWAIT);
+    // Room grows with what arrives, not with what a length word claims.
+    if (!reserve(con, std::min(need - avail, std::max(avail, kReadChunk)))) return xpcretNOMEM;
+    ssize_t n = recv(con->fd.get(), con->buf.data() + con->end, con->buf.size() - con->end, MSG_DONTWAIT);
     if (n > 0) {
       con->end += static_cast<std::size_t>(n);
       continue;
@@ -517,18 +531,27 @@ int xpcreceive(xpccon* con, void* buffer, std::uint32_t length, int timeoutMs, i
     }
     if (errno == EINTR) continue;
     if (errno != EAGAIN && errno != EWOULDBLOCK) return errnoToRet(errno);
-    int w = waitFd(con->fd, POLLIN, deadline);
+    int w = waitFd(con->fd.get(), POLLIN, deadline);
     if (w != xpcretSUCC) return w;
   }
 }
 
 int xpcselect(xpcugblm* ugblm, xpcevthdlr handler, int timeoutMs, int, int flags) {
   if (ugblm == nullptr) return xpcretBADARG;
+  // Each connection looked at is held by a reference taken under the group's lock, so that a
+  // thread that closes one meanwhile leaves it whole until we are done with it.
   std::vector<xpccon*> cons;
   {
     std::lock_guard<std::mutex> lock(ugblm->mx);
     cons = ugblm->cons;
+    for (xpccon* c : cons) c->refs.fetch_add(1, std::memory_order_relaxed);
   }
+  struct Release {
+    std::vector<xpccon*>& cons;
+    ~Release() {
+      for (xpccon* c : cons) unref(c);
+    }
+  } release{cons};
   if (cons.empty()) return xpcretNOCONN;
   // What is already buffered is input without asking the kernel.
   bool ready = false;
@@ -542,7 +565,7 @@ int xpcselect(xpcugblm* ugblm, xpcevthdlr handler, int timeoutMs, int, int flags
   }
   if (ready) return xpcretSUCC;
   std::vector<pollfd> fds;
-  for (xpccon* c : cons) fds.push_back(pollfd{c->fd, POLLIN, 0});
+  for (xpccon* c : cons) fds.push_back(pollfd{c->fd.get(), POLLIN, 0});
   int t = (flags & XPC_WAIT_FOREVER) ? -1 : std::max(timeoutMs, 0);
   int n = poll(fds.data(), fds.size(), t);
   if (n == 0) return xpcretTIMEOUT;

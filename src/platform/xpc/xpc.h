@@ -14,6 +14,7 @@
 // Every call returns an xpcret code. A broken pipe never raises SIGPIPE.
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 
 enum xpcret {
   xpcretSUCC = 0,
@@ -68,8 +69,11 @@ int xpcugblmterm(xpcugblm* ugblm);
 // (0: 30 s). Nobody listening: xpcretNOENDPT (no socket file) or xpcretREFUSED.
 int xpcconnect(xpcugblm* ugblm, const char* address, int unused1, xpccon** con, void* unused2,
                void* unused3, void* unused4, void* unused5, int seconds, int options);
-// Listens on `address`. A local socket file that nobody answers on is stale and replaced; one
-// that answers gives xpcretENDPTUSED.
+// Listens on `address`. A local listener makes the socket directory (mode 0755) if it is
+// missing and refuses, with xpcretNOTAUTH, one that is a symlink, not its user's, or writable by
+// group or others. It holds the lock file <key>.lock beside its socket while it listens: a
+// second listener gets xpcretENDPTUSED, and a socket file found under the lock is stale and
+// replaced. The socket file is made with mode 0666.
 int xpclisten(xpcugblm* ugblm, const char* address, int unused, xpccon** lcon, int flags);
 // Takes the next connection of a listener, waiting for one.
 int xpcanswer(xpccon* lcon, int unused1, xpccon** con, int unused2, int unused3, int unused4,
@@ -96,5 +100,26 @@ int xpcselect(xpcugblm* ugblm, xpcevthdlr handler, int timeoutMs, int intervalMs
 int xpcfd(const xpccon* con);
 // The path of the local socket for an ipc key (no check that it exists).
 int xpcipcpath(const char* key, char* buffer, std::size_t size);
+
+// One owner for each handle of the transport: whoever holds one holds it in these, so that every
+// exit closes it exactly once.
+struct XpcConClose {
+  void operator()(xpccon* c) const {
+    if (c != nullptr) xpcdisc(c);
+  }
+};
+struct XpcGroupEnd {
+  void operator()(xpcugblm* g) const {
+    if (g != nullptr) xpcugblmterm(g);
+  }
+};
+struct XpcCtxEnd {
+  void operator()(xpcctx* c) const {
+    if (c != nullptr) xpcterm(c);
+  }
+};
+using XpcCon = std::unique_ptr<xpccon, XpcConClose>;
+using XpcGroup = std::unique_ptr<xpcugblm, XpcGroupEnd>;
+using XpcCtx = std::unique_ptr<xpcctx, XpcCtxEnd>;
 
 #endif

@@ -225,3 +225,86 @@ TEST_F(XpcTest, ConcurrentSendersNeverInterleave) {
 }
 
 }  // namespace
+
+TEST_F(XpcTest, ListenerRefusesASocketDirectoryOthersCouldChange) {
+  xpccon* l = nullptr;
+  // Made by the listener itself: 0755 whatever the umask.
+  std::string made = dir_ + "/made";
+  setenv("VYN_IPC_DIR", made.c_str(), 1);
+  mode_t old = umask(0);
+  ASSERT_EQ(xpclisten(server_, kAddr, 0, &l, 0), xpcretSUCC);
+  umask(old);
+  struct stat st;
+  ASSERT_EQ(lstat(made.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0755u);
+  ASSERT_EQ(lstat((made + "/xpc.test").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISSOCK(st.st_mode));
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+  xpcdisc(l);
+
+  std::string open = dir_ + "/open";
+  ASSERT_EQ(mkdir(open.c_str(), 0755), 0);
+  ASSERT_EQ(chmod(open.c_str(), 01777), 0);
+  setenv("VYN_IPC_DIR", open.c_str(), 1);
+  EXPECT_EQ(xpclisten(server_, kAddr, 0, &l, 0), xpcretNOTAUTH);
+  ASSERT_EQ(chmod(open.c_str(), 0775), 0);
+  EXPECT_EQ(xpclisten(server_, kAddr, 0, &l, 0), xpcretNOTAUTH);
+
+  // A symlink is not followed, even to a good directory.
+  std::string link = dir_ + "/link";
+  ASSERT_EQ(symlink(made.c_str(), link.c_str()), 0);
+  setenv("VYN_IPC_DIR", link.c_str(), 1);
+  EXPECT_EQ(xpclisten(server_, kAddr, 0, &l, 0), xpcretNOTAUTH);
+
+  // Someone else's directory.
+  if (geteuid() == 0) {
+    std::string theirs = dir_ + "/theirs";
+    ASSERT_EQ(mkdir(theirs.c_str(), 0755), 0);
+    ASSERT_EQ(chown(theirs.c_str(), 65534, 65534), 0);
+    setenv("VYN_IPC_DIR", theirs.c_str(), 1);
+    EXPECT_EQ(xpclisten(server_, kAddr, 0, &l, 0), xpcretNOTAUTH);
+  }
+  EXPECT_EQ(l, nullptr);
+}
+
+TEST_F(XpcTest, TheLockNotAProbeDecidesWhetherASocketFileIsStale) {
+  // A socket file that still answers, left by nobody who holds the lock: replaced.
+  std::string path = dir_ + "/xpc.test";
+  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un sa{};
+  sa.sun_family = AF_UNIX;
+  std::strcpy(sa.sun_path, path.c_str());
+  ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
+  ASSERT_EQ(listen(fd, 1), 0);
+  xpccon* l = nullptr;
+  ASSERT_EQ(xpclisten(server_, kAddr, 0, &l, 0), xpcretSUCC);
+  close(fd);
+  xpccon *c = nullptr, *s = nullptr;
+  ASSERT_EQ(xpcconnect(client_, kAddr, 0, &c, nullptr, nullptr, nullptr, nullptr, 30, 2), xpcretSUCC);
+  ASSERT_EQ(xpcanswer(l, 0, &s, 0, 0, 0, 0, 0, 32), xpcretSUCC);
+  // While the lock is held nobody else listens there, and the file stays.
+  xpccon* l2 = nullptr;
+  EXPECT_EQ(xpclisten(server_, kAddr, 0, &l2, 0), xpcretENDPTUSED);
+  struct stat st;
+  EXPECT_EQ(stat(path.c_str(), &st), 0);
+  xpcdisc(s);
+  xpcdisc(c);
+  xpcdisc(l);
+}
+
+TEST_F(XpcTest, AConnectionClosedWhileAnotherThreadSelectsStaysWholeUntilTheWaitEnds) {
+  xpccon *l, *c, *s;
+  pair(kAddr, &l, &c, &s);
+  for (int round = 0; round < 20; ++round) {
+    xpccon *c2 = nullptr, *s2 = nullptr;
+    ASSERT_EQ(xpcconnect(client_, kAddr, 0, &c2, nullptr, nullptr, nullptr, nullptr, 30, 2), xpcretSUCC);
+    ASSERT_EQ(xpcanswer(l, 0, &s2, 0, 0, 0, 0, 0, 32), xpcretSUCC);
+    std::thread waiter([&] { xpcselect(client_, nullptr, 5, 0, XPC_WAIT_TIMED); });
+    xpcdisc(c2);
+    waiter.join();
+    xpcdisc(s2);
+  }
+  xpcdisc(c);
+  xpcdisc(s);
+  xpcdisc(l);
+}

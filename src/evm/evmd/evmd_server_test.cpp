@@ -1,0 +1,147 @@
+// The server in this process, its log's file calls failing on demand: a post whose event could
+// not be written or synced is answered as a failure, and connections are capped per user.
+#include "evm/evmd/evmd_server.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "evm/evmd/evmd_test_util.h"
+
+namespace {
+
+using evmdtest::Bytes;
+
+const char* kAddr = "(ADDRESS=(PROTOCOL=ipc)(KEY=evmd.server.test))";
+
+// A client that writes every byte itself.
+class Raw {
+ public:
+  Raw() {
+    xpcctx* ctx = nullptr;
+    xpcugblm* g = nullptr;
+    xpcinit(0, 0, &ctx, 0);
+    ctx_.reset(ctx);
+    xpcugblmini(ctx, &g, 0);
+    group_.reset(g);
+    xpccon* c = nullptr;
+    xpcconnect(g, kAddr, 0, &c, nullptr, nullptr, nullptr, nullptr, 30, 2);
+    con_.reset(c);
+  }
+  void send(const Bytes& b) { xpcsend(con_.get(), b.data(), static_cast<std::uint32_t>(b.size())); }
+  void head(std::uint32_t type, std::uint64_t data, std::uint32_t body) {
+    EvmCommHead_t h = evmCommHead(type, 0, data, body);
+    xpcsend(con_.get(), &h, sizeof h);
+  }
+  // The connect answer's flags, or -1 when the daemon closed the connection instead.
+  long long connect() {
+    std::size_t len = _evmGetConnectReqDataSize();
+    Bytes req(len, 0);
+    _evmFillTransportHeader(req.data(), static_cast<EvmUint32_t>(len));
+    evmStore32(req.data(), EVM_CONNREQ_OFF_CONNECTOR, EvmCOMM_POSTER);
+    uid_t me = geteuid();
+    std::memcpy(_evmGetConnectReqDataUidPtr(req.data()), &me, _evmGetUidSize());
+    head(EvmCOMM_CONNECT_REQ, 0, static_cast<std::uint32_t>(len));
+    send(req);
+    EvmCommHead_t a{};
+    return answer(&a) ? static_cast<long long>(a.flags) : -1;
+  }
+  bool answer(EvmCommHead_t* a) {
+    std::uint32_t n = 0;
+    return xpcreceive(con_.get(), a, sizeof *a, 10000, 0, XPC_WAIT_TIMED, &n) == xpcretSUCC && n == sizeof *a;
+  }
+  std::uint32_t post(const Bytes& block, std::uint64_t token) {
+    head(EvmCOMM_POST_REQ, token, static_cast<std::uint32_t>(block.size()));
+    send(block);
+    EvmCommHead_t a{};
+    return answer(&a) && a.headerData == token ? a.flags : 0xffffffffu;
+  }
+
+ private:
+  XpcCtx ctx_;
+  XpcGroup group_;
+  XpcCon con_;
+};
+
+class ServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("VYN_IPC_DIR", (dir_.path() + "/ipc").c_str(), 1);
+    options_.home = dir_.path();
+    options_.localAddress = kAddr;
+    options_.logIo = &io_;
+  }
+  void start() {
+    server_ = std::make_unique<evmd::Server>(options_);
+    thread_ = std::thread([this] { server_->run(); });
+  }
+  void TearDown() override {
+    if (server_ != nullptr) {
+      server_->requestStop();
+      thread_.join();
+    }
+  }
+  evmdtest::ScratchDir dir_;
+  evmdtest::FailingIo io_;
+  evmd::Options options_;
+  std::unique_ptr<evmd::Server> server_;
+  std::thread thread_;
+};
+
+TEST_F(ServerTest, APostWhoseEventCouldNotBeWrittenOrSyncedIsAnsweredAsAFailure) {
+  options_.sync = evmd::SyncPolicy::EveryBatch;
+  start();
+  Raw c;
+  ASSERT_EQ(c.connect(), 0);
+  Bytes ev = evmdtest::block("sys.zel.test.server");
+  EXPECT_EQ(c.post(ev, 1), 0u);
+  io_.failWrites = true;
+  EXPECT_EQ(c.post(ev, 2), evmCommFlag(EvmCOMMFLAG_RESOURCE_FAILURE));
+  io_.failWrites = false;
+  io_.failSyncs = true;
+  EXPECT_EQ(c.post(ev, 3), evmCommFlag(EvmCOMMFLAG_RESOURCE_FAILURE));
+  io_.failSyncs = false;
+  EXPECT_EQ(c.post(ev, 4), 0u);
+  server_->requestStop();
+  thread_.join();
+  server_.reset();
+  EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), 2u);
+}
+
+TEST_F(ServerTest, ConnectionsAreCappedPerUserAndAPlaceIsFreedWhenOneEnds) {
+  options_.maxClientsPerUser = 2;
+  start();
+  auto a = std::make_unique<Raw>();
+  Raw b, c;
+  EXPECT_EQ(a->connect(), 0);
+  EXPECT_EQ(b.connect(), 0);
+  EXPECT_EQ(c.connect(), -1);  // the third of one user is closed at once
+  a.reset();
+  long long got = -1;
+  for (int i = 0; i < 200 && got != 0; ++i) {
+    Raw again;
+    got = again.connect();
+    if (got != 0) usleep(10000);
+  }
+  EXPECT_EQ(got, 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(TcpAdmissionTest, OnlyLoopbackIsAdmittedUntilMembershipNamesTheNodes) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  for (const char* ip : {"127.0.0.1", "127.1.2.3"}) {
+    inet_pton(AF_INET, ip, &a.sin_addr);
+    EXPECT_TRUE(evmd::tcpPeerAllowed(a)) << ip;
+  }
+  for (const char* ip : {"10.0.0.1", "192.168.1.1", "0.0.0.0", "128.0.0.1"}) {
+    inet_pton(AF_INET, ip, &a.sin_addr);
+    EXPECT_FALSE(evmd::tcpPeerAllowed(a)) << ip;
+  }
+}
+
+}  // namespace
