@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 
+#include "cppgen/clsLog.h"
 #include "evm/evmd/evmd_server.h"
 #include "evm/libevm/clsgenv.h"
 #include "evm/libevm/evm_conn.h"
@@ -93,7 +95,9 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     server.run();
   } catch (const std::exception& e) {
-    dtrWrite(std::string(" vyn_evmd: ") + e.what());
+    std::ostringstream os;
+    os << " vyn_evmd: " << e.what();
+    CLS_Debug::dbError(os, CLS_Debug::FUNC_FAIL, CLS_Debug::CLSlogModule::getModuleNone());
     std::fprintf(stderr, "vyn_evmd: %s\n", e.what());
     return 1;
   }

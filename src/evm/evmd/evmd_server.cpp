@@ -18,16 +18,34 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 #include "evm/evmd/evmd_session.h"
 #include "evm/libevm/evm.h"
 #include "platform/host/utlhost.h"
 #include "platform/registry/prvrg.h"
-#include "platform/trace/dtr.h"
+#include "cppgen/clsLog.h"
 
 namespace evmd {
 
 namespace {
+
+// The daemon's lines in its trace file: what it did (start, stop, publication) at LOGGING, what
+// went wrong at FUNC_FAIL.
+const CLS_Debug::CLSlog& dbug() {
+  static const CLS_Debug::CLSlog* s_dbug = new CLS_Debug::CLSlog("VYNEVMD");
+  return *s_dbug;
+}
+
+void traceLine(const std::string& text, bool failure) {
+  std::ostringstream os;
+  os << text;
+  if (failure) {
+    dbug().error(os, CLS_Debug::FUNC_FAIL, CLS_Debug::CLSlogModule::getModuleNone());
+  } else {
+    dbug().log(os, CLS_Debug::LOGGING, CLS_Debug::CLSlogModule::getModuleNone());
+  }
+}
 
 // Bytes read from one client in one round, so that a flood from one can't starve the others.
 constexpr std::size_t kRoundBudget = 256 * 1024;
@@ -112,7 +130,7 @@ Server::Server(const Options& options)
     : options_(options),
       log_(options.home + "/log/evm/events.log", options.sync, options.syncIntervalMs,
            options.logIo != nullptr ? *options.logIo : LogIo::system()),
-      complaints_(nowMs, [](const std::string& line) { dtrWrite(line); }) {
+      complaints_(nowMs, [](const std::string& line) { traceLine(line, true); }) {
   signal(SIGPIPE, SIG_IGN);
   sigset_t mask;
   sigemptyset(&mask);
@@ -178,8 +196,9 @@ Server::Server(const Options& options)
     repaired = ", took " + std::to_string(log_.removedBytes()) + " damaged bytes out of it into";
     for (const auto& f : log_.damagedFiles()) repaired += " " + f;
   }
-  dtrWrite(" vyn_evmd started on " + options_.localAddress + (tcpAddress_.empty() ? "" : " and " + tcpAddress_) +
-           ", log " + log_.path() + " with " + std::to_string(log_.events()) + " events" + repaired);
+  traceLine(" vyn_evmd started on " + options_.localAddress + (tcpAddress_.empty() ? "" : " and " + tcpAddress_) +
+                ", log " + log_.path() + " with " + std::to_string(log_.events()) + " events" + repaired,
+            false);
 }
 
 Server::~Server() = default;
@@ -217,14 +236,15 @@ void Server::registerTcpAddress() {
   char err[256];
   std::size_t errlen = sizeof err;
   if (prvrg_init_ext(&rg, PRVRG_LEVEL_DEFAULT, err, &errlen, 0) != PRVRG_SUCC) {
-    dtrWrite(" vyn_evmd could not open the registry to publish " + published + ": " + std::string(err, errlen));
+    traceLine(" vyn_evmd could not open the registry to publish " + published + ": " + std::string(err, errlen), true);
     return;
   }
   prvrg_security sec{};
   sec.user_perm = 63;
   int rc = prvrg_create_n_set_key(rg, nullptr, key.c_str(), nullptr, nullptr, prvrg_dtype_ZELTEXT, published.c_str(),
                                   published.size() + 1, sec);
-  dtrWrite(" vyn_evmd " + std::string(rc == PRVRG_SUCC ? "published " : "could not publish ") + published + " as " + key);
+  traceLine(" vyn_evmd " + std::string(rc == PRVRG_SUCC ? "published " : "could not publish ") + published + " as " + key,
+            rc != PRVRG_SUCC);
   prvrg_terminate(rg);
 }
 
@@ -516,10 +536,11 @@ void Server::run() {
     complain("the event log could not be synced", e.what());
   }
   complaints_.flush();
-  dtrWrite(" vyn_evmd stopped: " + std::to_string(stats_.accepted) + " accepted, " + std::to_string(stats_.rejected) +
-           " rejected, " + std::to_string(stats_.invalid) + " invalid, " + std::to_string(stats_.clients) +
-           " clients, " + std::to_string(stats_.dropped) + " dropped, " + std::to_string(stats_.turnedAway) +
-           " turned away");
+  traceLine(" vyn_evmd stopped: " + std::to_string(stats_.accepted) + " accepted, " + std::to_string(stats_.rejected) +
+                " rejected, " + std::to_string(stats_.invalid) + " invalid, " + std::to_string(stats_.clients) +
+                " clients, " + std::to_string(stats_.dropped) + " dropped, " + std::to_string(stats_.turnedAway) +
+                " turned away",
+            false);
 }
 
 }  // namespace evmd
