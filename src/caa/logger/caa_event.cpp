@@ -2,9 +2,27 @@
 
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <vector>
 
+#include "cppgen/clsLog.h"
+
 namespace CAA {
+
+namespace {
+
+// A lost event is told to the user on standard error and kept in the trace, where an
+// administrator looks for it later.
+void traceLost(const char* event_name, EvmStatus_t status) {
+  static const CLS_Debug::CLSlog* s_dbug = new CLS_Debug::CLSlog("VYNEVT");
+  char text[100] = "";
+  EvmStatusTextGet(status, text, sizeof text);
+  std::ostringstream os;
+  os << " event " << (event_name != nullptr ? event_name : "") << " not posted: " << text;
+  s_dbug->error(os, CLS_Debug::FUNC_FAIL, CLS_Debug::CLSlogModule::getModuleNone());
+}
+
+}  // namespace
 
 const char* const EVENT_PROFILE_DELETE = "sys.zel.clu.vyn.res.profile.delete";
 const char* const EVENT_PROFILE_UPDATE = "sys.zel.clu.vyn.res.profile.update";
@@ -109,6 +127,7 @@ void EventMgr::prtEventStatus() {
   text[0] = '\0';
   EvmStatusTextGet(status, text, sizeof text);
   std::fprintf(stderr, "Error: %s\n", text);
+  traceLost(event_name, status);
 }
 
 }  // namespace CAA

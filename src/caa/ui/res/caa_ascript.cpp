@@ -2,9 +2,11 @@
 
 #include <cstdio>
 #include <new>
+#include <sstream>
 
 #include "caa/lib/caa_Path.h"
 #include "caa/logger/caa_logger.h"
+#include "cppgen/clsLog.h"
 
 namespace CAA {
 
@@ -22,10 +24,20 @@ CaaScript::~CaaScript() { delete prochdl; }
 
 namespace {
 
-caa_Status spawnFailed(const char* what, const osrec& ose) {
-  std::fprintf(stderr, "%s%s,%s,%s\n", what, ose.opname_osrec, ose.location_osrec, ose.otherinfo_osrec);
+// A script that could not be made is told on standard error and kept in the trace.
+caa_Status scriptFailed(const std::string& line) {
+  static const CLS_Debug::CLSlog* s_dbug = new CLS_Debug::CLSlog("VYNSCR");
+  std::fputs(line.c_str(), stderr);
   std::fflush(stderr);
+  std::ostringstream os;
+  os << " " << line.substr(0, line.size() - 1);
+  s_dbug->error(os, CLS_Debug::FUNC_FAIL, CLS_Debug::CLSlogModule::getModuleNone());
   return caa_WARNING;
+}
+
+caa_Status spawnFailed(const char* what, const osrec& ose) {
+  return scriptFailed(std::string(what) + ose.opname_osrec + "," + ose.location_osrec + "," + ose.otherinfo_osrec +
+                      "\n");
 }
 
 }  // namespace
@@ -39,9 +51,7 @@ caa_Status CaaScript::createActionScript(const std::string& res_name) {
     return caa_WARNING;
   }
   if (path.size() > PATH_MAXLEN) {
-    std::fputs("Action script file path is too long.\n", stderr);
-    std::fflush(stderr);
-    return caa_WARNING;
+    return scriptFailed("Action script file path is too long.\n");
   }
   osrec ose = {};
   if (osl_ctx == nullptr || prochdl == nullptr) {
@@ -61,9 +71,7 @@ caa_Status CaaScript::createActionScript(const std::string& res_name) {
   int status = 0;
   if (osl_process_join(osl_ctx, &ose, prochdl, &status) != 0) return spawnFailed("osl_process_join failed, ", ose);
   if (status == 0) return caa_SUCCESS;
-  std::fprintf(stderr, "Action script creation returned %d\n", status);
-  std::fflush(stderr);
-  return caa_WARNING;
+  return scriptFailed("Action script creation returned " + std::to_string(status) + "\n");
 }
 
 }  // namespace CAA
