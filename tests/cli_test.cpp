@@ -208,6 +208,7 @@ TEST_F(CliTest, UnprivilegedUserWorksInTheDefaultDirectory) {
 
 TEST_F(CliTest, UserWithoutAnIdentityEndsWithOneLine) {
   if (!root()) GTEST_SKIP() << "needs root to run as another user";
+  fs::permissions(home_.home() + "/log", fs::perms::all);  // the trace file can be written
   Outcome r = vyn({"-print"}, env(), 54321);  // a uid with no password entry
   EXPECT_EQ(r.status, 1);
   EXPECT_EQ(r.out, "");

@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <sstream>
 
-#include "cppgen/clsLog.h"
 #include "cppgen/clsUserErrorException.h"
 
 namespace cls {
@@ -63,27 +62,6 @@ TEST_F(UserErrorTest, AnUnknownNumberLeavesAnEmptyMessage) {
   Exception cause("root cause");
   UserErrorException nested(cause, 170, "r");
   EXPECT_EQ(nested.getEntireErrorStack(), "VYN-0170: No profile exists for resource r.\n\nroot cause");
-}
-
-TEST(ClsLogTest, ConditionalLinesPassByTheModuleLevel) {
-  using namespace CLS_Debug;
-  setenv("ZEL_VYNDEBUG_ALL", "3", 1);
-  setenv("ZEL_VYNDEBUG_TESTMODA", "0", 1);
-  setenv("ZEL_VYNDEBUG_TESTMODB", "4", 1);
-  CLSlogModule& a = CLSlogModule::getReference("TESTMODA");
-  CLSlogModule& b = CLSlogModule::getReference("TESTMODB");
-  CLSlogModule& c = CLSlogModule::getReference("TESTMODC");
-  EXPECT_EQ(a.getClsdLevelLog(), 0u) << "the module's own variable beats the general one";
-  EXPECT_EQ(c.getClsdLevelLog(), 3u);
-  CLSlog log("TESTMODA");
-  EXPECT_EQ(log.compose(" x", NONE, a, CLSlog::CONDITIONAL_OUT), "") << "level 0 drops NONE";
-  EXPECT_EQ(log.compose(" x", NONE, a, CLSlog::ERROR_OUT), " x") << "errors are always written";
-  EXPECT_EQ(log.compose(" x", ALGO_FINE, b, CLSlog::CONDITIONAL_OUT), "[F-ALGO] x");
-  EXPECT_EQ(log.compose(" x", EXTERN_DETAIL, b, CLSlog::CONDITIONAL_OUT), "[EXT-LAYER] x");
-  b.setClsdLevelLog(5);
-  EXPECT_EQ(log.compose(" x", EXTERN_DETAIL, b, CLSlog::CONDITIONAL_OUT), "");
-  EXPECT_EQ(&CLSlogModule::getReference("default"), &CLSlogModule::getModuleNone());
-  unsetenv("ZEL_VYNDEBUG_ALL");
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
 #include "cppgen/clsUserErrorException.h"
 
-#include <cassert>
 #include <sstream>
 
 #include "caa/lib/messages.h"
+#include "cppgen/clsAssert.h"
 #include "cppgen/clsLog.h"
 #include "platform/tfm/tfm.h"
 
@@ -19,7 +19,7 @@ const CLS_Debug::CLSlog& dbug() {
   return *s_dbug;
 }
 
-void say(void (CLS_Debug::CLSlog::*how)(std::ostringstream&, CLS_Debug::DebugDetail,
+void say(void (CLS_Debug::CLSlog::*how)(std::ostream&, CLS_Debug::DebugDetail,
                                         const CLS_Debug::CLSlogModule&, bool) const,
          CLS_Debug::DebugDetail dd, const std::string& text) {
   std::ostringstream os;
@@ -30,7 +30,7 @@ void say(void (CLS_Debug::CLSlog::*how)(std::ostringstream&, CLS_Debug::DebugDet
 }  // namespace
 
 void RefCountedDescriptor::delRef() {
-  assert(m_refCount > 0 && "m_refCount > 0");
+  CLS_ASSERT(m_refCount > 0);
   if (--m_refCount == 0) {
     if (m_desc != nullptr) tfmdrm(m_desc);
     delete this;
