@@ -1,7 +1,8 @@
 # Builds a program the way a service outside the project would, with the compiler alone, the
-# source tree's headers and the built static libraries, and runs it; the test fails when either
-# step does. Lists come separated by "|":
-#   cmake -DCXX=... -DFLAGS=... -DINCLUDE=... -DSOURCE=... -DLIBS=... -DOUT=... -DARG=... -P outside_program.cmake
+# source tree's headers and the built static libraries, and runs it in a copy of the shipped home
+# with a scratch directory as its one argument; the test fails when either step does. Lists come
+# separated by "|":
+#   cmake -DCXX=... -DFLAGS=... -DINCLUDE=... -DSOURCE=... -DLIBS=... -DOUT=... -DHOME=... -P outside_program.cmake
 string(REPLACE "|" ";" flags "${FLAGS}")
 string(REPLACE "|" ";" libs "${LIBS}")
 execute_process(
@@ -10,7 +11,14 @@ execute_process(
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "building ${SOURCE} from outside failed:\n${out}")
 endif()
-execute_process(COMMAND ${OUT} ${ARG} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+set(run ${OUT}.run)
+file(REMOVE_RECURSE ${run})
+file(MAKE_DIRECTORY ${run})
+file(COPY ${HOME} DESTINATION ${run})
+get_filename_component(homeName ${HOME} NAME)
+set(ENV{ZEL_VYN_HOME} ${run}/${homeName})
+execute_process(COMMAND ${OUT} ${run} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE out)
+file(REMOVE_RECURSE ${run})
 message("${out}")
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "${OUT} ended with ${rc}")

@@ -24,14 +24,20 @@ namespace {
 
 class UtilsTest : public ::testing::Test {
  protected:
+  // Errors are rendered from the catalog of a copy of the shipped home, which also takes the
+  // trace lines they write.
   void SetUp() override {
-    setenv("ZEL_VYN_HOME", std::getenv("VYN_TEST_HOME"), 1);
-    setenv("LANG", "C", 1);
     char tmpl[] = "/tmp/clsutils_test.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
+    fs::copy(std::getenv("VYN_TEST_HOME"), dir_ + "/home", fs::copy_options::recursive);
+    setenv("ZEL_VYN_HOME", (dir_ + "/home").c_str(), 1);
+    setenv("LANG", "C", 1);
   }
-  void TearDown() override { fs::remove_all(dir_); }
+  void TearDown() override {
+    unsetenv("ZEL_VYN_HOME");
+    fs::remove_all(dir_);
+  }
 
   std::string file(const std::string& text) {
     std::string path = dir_ + "/attrs" + std::to_string(++files_);
