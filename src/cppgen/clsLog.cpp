@@ -154,9 +154,14 @@ CLSlogModule& CLSlogModule::getReference(const std::string& name) {
 
 CLSlogModule& CLSlogModule::registerModule(const CLSlogModuleInfo& info) {
   ub4 level = info.m_logLevel;
-  if (staticData().m_isQemsd.load()) {
+  // The registry lookup logs through a module of its own, which registers here in turn: that
+  // inner registration goes without the lookup.
+  thread_local bool t_inLookup = false;
+  if (staticData().m_isQemsd.load() && !t_inLookup) {
+    t_inLookup = true;
     ub4 stored = 0;
     if (caavrgGetDebugLevel(info.m_name, &stored, kInitComponent) == 0) level = stored;
+    t_inLookup = false;
   }
   std::string notes;
   envLevel(ENV_DEBUG_ALL, &level, &notes);
@@ -193,33 +198,15 @@ void CLSlogModule::registerModules(const CLSlogModuleInfo* infos, size_t count) 
   }
 }
 
-dtrcomp* CLSlogModule::getClsdCompId() const {
-  dtrcomp* comp = m_pCompId.load(std::memory_order_acquire);
-  if (comp != nullptr || this == &getModuleNone()) return comp;
-  comp = dtrgetcompid(m_name.c_str());
+dtrcomp* CLSlogModule::findClsdCompId() const {
+  // The none module stays without a descriptor, so its level reads 0.
+  if (this == &getModuleNone()) return nullptr;
+  dtrcomp* comp = dtrgetcompid(m_name.c_str());
   if (comp != nullptr) m_pCompId.store(comp, std::memory_order_release);
   return comp;
 }
 
-ub4 CLSlogModule::getClsdLevelLog() const {
-  const dtrcomp* comp = getClsdCompId();
-  if (comp == nullptr) return 0;
-  if ((comp->flags & 0x4021) == 0 || (comp->flags & 0xbed8) != 0) return 0;
-  return comp->loglevel.load(std::memory_order_relaxed);
-}
-
 void CLSlogModule::setClsdLevelLog(ub4 level) { dtrset_loglvl(getClsdCompId(), level); }
-
-DebugDetail CLSlogModule::getDetailDefault() const {
-  switch (getClsdLevelLog()) {
-    case 1: return FUNC_FAIL;
-    case 2: return FUNC_ENTER;
-    case 3: return ALGO_COARSE;
-    case 4: return EXTERN_DETAIL;
-    case 5: return ALGO_FINE;
-    default: return LOGGING;
-  }
-}
 
 void CLSlogModule::setDetailDefault(DebugDetail detail) { setClsdLevelLog(debugDetail2ClsdLevelLog(detail)); }
 
@@ -265,6 +252,10 @@ void CLSlog::error(std::ostream& os, DebugDetail dd, const CLSlogModule& module,
   print(os, dd, module, ERROR_OUT, useDesc);
 }
 void CLSlog::out(std::ostream& os, DebugDetail dd, const CLSlogModule& module, bool useDesc) const {
+  // The common case, a message whose level is off, is settled here without a further call.
+  const CLSlogModule* m = &module;
+  if (m == &CLSlogModule::getModuleNone()) m = m_pModule.load(std::memory_order_acquire);
+  if (m != nullptr && static_cast<int>(dd) > static_cast<int>(m->getDetailDefault())) return;
   print(os, dd, module, CONDITIONAL_OUT, useDesc);
 }
 void CLSlog::trace(std::ostream&, int, DebugDetail, const CLSlogModule&) const {}

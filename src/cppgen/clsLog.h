@@ -80,15 +80,29 @@ class CLSlogModule {
 
   const std::string& getName() const { return m_name; }
   // The trace service's descriptor, or null when the name is not registered there.
-  dtrcomp* getClsdCompId() const;
+  dtrcomp* getClsdCompId() const {
+    dtrcomp* comp = m_pCompId.load(std::memory_order_acquire);
+    return comp != nullptr ? comp : findClsdCompId();
+  }
   // 0 without a descriptor or with a disabled one; otherwise the descriptor's level.
-  ub4 getClsdLevelLog() const;
+  ub4 getClsdLevelLog() const {
+    const dtrcomp* comp = getClsdCompId();
+    if (comp == nullptr || (comp->flags & 0x4021) == 0 || (comp->flags & 0xbed8) != 0) return 0;
+    return comp->loglevel.load(std::memory_order_relaxed);
+  }
   void setClsdLevelLog(ub4 level);
   // The highest detail the level lets pass; levels above 5 count as 0.
-  DebugDetail getDetailDefault() const;
+  // Level 4 lets ALGO_FINE (trace level 5) pass as well as EXTERN_DETAIL: the trace service takes 4 and 5 as one tier, so this filter alone decides.
+  DebugDetail getDetailDefault() const {
+    static const DebugDetail byLevel[] = {LOGGING, FUNC_FAIL, FUNC_ENTER, ALGO_COARSE, EXTERN_DETAIL, ALGO_FINE};
+    ub4 level = getClsdLevelLog();
+    return level <= 5 ? byLevel[level] : LOGGING;
+  }
   void setDetailDefault(DebugDetail detail);
 
  private:
+  dtrcomp* findClsdCompId() const;
+
   std::string m_name;
   mutable std::atomic<dtrcomp*> m_pCompId;
 };

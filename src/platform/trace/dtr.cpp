@@ -1,6 +1,7 @@
 #include "platform/trace/dtr.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -42,6 +43,10 @@ struct TraceFile {
   bool warned = false;
   std::uint64_t maxBytes = 8u << 20;
   unsigned keep = 4;
+  // The file's size as last learnt: its size at opening plus what this process wrote, set right
+  // again from the file every few lines, so that other writers of the same file count too.
+  std::uint64_t size = 0;
+  unsigned linesSinceStat = 0;
 };
 
 TraceFile& traceFile() {
@@ -54,11 +59,33 @@ std::string logDir() {
   return home.empty() ? std::string() : home + "/log/";
 }
 
+// The process and thread ids in the stamp are cached; a forked child starts over.
+std::atomic<long> g_pid{0};
+thread_local long t_tid = 0;
+
+void forgetIds() {
+  g_pid.store(0, std::memory_order_relaxed);
+  t_tid = 0;
+}
+
+char* putNumber(char* p, unsigned long n, int minDigits) {
+  char digits[24];
+  int len = 0;
+  do {
+    digits[len++] = static_cast<char>('0' + n % 10);
+    n /= 10;
+  } while (n != 0 || len < minDigits);
+  while (len > 0) *p++ = digits[--len];
+  return p;
+}
+
 // "2026-11-23 04:52:13.123 [pid:tid] "; the calendar part is made once per second per thread.
-std::size_t stamp(char* buf, std::size_t size) {
+// buf holds at least 80 bytes.
+std::size_t stamp(char* buf) {
+  static std::once_flag s_atfork;
+  std::call_once(s_atfork, [] { pthread_atfork(nullptr, nullptr, forgetIds); });
   thread_local time_t t_sec = -1;
   thread_local char t_date[24];
-  thread_local long t_tid = syscall(SYS_gettid);
   timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
   if (ts.tv_sec != t_sec) {
@@ -67,9 +94,25 @@ std::size_t stamp(char* buf, std::size_t size) {
     std::strftime(t_date, sizeof t_date, "%Y-%m-%d %H:%M:%S", &local);
     t_sec = ts.tv_sec;
   }
-  int n = std::snprintf(buf, size, "%s.%03ld [%ld:%ld] ", t_date, ts.tv_nsec / 1000000L,
-                        static_cast<long>(getpid()), t_tid);
-  return n < 0 ? 0 : static_cast<std::size_t>(n);
+  long pid = g_pid.load(std::memory_order_relaxed);
+  if (pid == 0) {
+    pid = static_cast<long>(getpid());
+    g_pid.store(pid, std::memory_order_relaxed);
+  }
+  if (t_tid == 0) t_tid = syscall(SYS_gettid);
+  std::size_t dateLen = std::strlen(t_date);
+  std::memcpy(buf, t_date, dateLen);
+  char* p = buf + dateLen;
+  *p++ = '.';
+  p = putNumber(p, static_cast<unsigned long>(ts.tv_nsec / 1000000L), 3);
+  *p++ = ' ';
+  *p++ = '[';
+  p = putNumber(p, static_cast<unsigned long>(pid), 1);
+  *p++ = ':';
+  p = putNumber(p, static_cast<unsigned long>(t_tid), 1);
+  *p++ = ']';
+  *p++ = ' ';
+  return static_cast<std::size_t>(p - buf);
 }
 
 void closeLocked(TraceFile& tf) {
@@ -79,7 +122,8 @@ void closeLocked(TraceFile& tf) {
 }
 
 bool openLocked(TraceFile& tf, const std::string& path) {
-  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  // A link planted in a shared log directory is not followed.
+  int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) {
     if (!tf.warned) {
       tf.warned = true;
@@ -93,19 +137,21 @@ bool openLocked(TraceFile& tf, const std::string& path) {
   }
   tf.fd = fd;
   tf.path = path;
+  struct stat st;
+  tf.size = fstat(fd, &st) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+  tf.linesSinceStat = 0;
   return true;
 }
 
 // The file to write to, opened if need be; false when lines are to be dropped.
 bool ensureOpenLocked(TraceFile& tf) {
+  if (tf.fd >= 0) return true;  // until dtrSetProgram or dtrreset
   std::string dir = logDir();
   if (dir.empty()) {
     closeLocked(tf);
     return false;
   }
   std::string path = dir + tf.program + ".trc";
-  if (tf.fd >= 0 && path == tf.path) return true;
-  closeLocked(tf);
   if (path == tf.failedPath) return false;
   return openLocked(tf, path);
 }
@@ -145,14 +191,19 @@ void emit(const char* text, std::size_t len) {
     p += n;
     left -= static_cast<std::size_t>(n);
   }
-  off_t end = lseek(tf.fd, 0, SEEK_CUR);
-  if (end >= 0 && static_cast<std::uint64_t>(end) >= tf.maxBytes) rotateLocked(tf);
+  tf.size += len;
+  if (++tf.linesSinceStat >= 64) {
+    struct stat st;
+    if (fstat(tf.fd, &st) == 0) tf.size = static_cast<std::uint64_t>(st.st_size);
+    tf.linesSinceStat = 0;
+  }
+  if (tf.size >= tf.maxBytes) rotateLocked(tf);
 }
 
 // Stamp, component, text and a newline in one buffer, then one write.
 void writeLine(const dtrcomp* comp, bool withDesc, const char* fmt, va_list ap) {
   char small[2048];
-  std::size_t head = stamp(small, sizeof small);
+  std::size_t head = stamp(small);
   if (comp != nullptr) {
     int n = withDesc ? std::snprintf(small + head, sizeof small - head, "%s(%s):", comp->name,
                                      comp->description.c_str())
@@ -266,10 +317,10 @@ void dtr_alertprintft(ub4 msgid, const char* fmt, ...) {
   std::string dir = logDir();
   if (dir.empty()) return;
   char head[96];
-  std::size_t n = stamp(head, sizeof head);
+  std::size_t n = stamp(head);
   std::string line = std::string(head, n) + "alert " + std::to_string(msgid) + ": " + text + "\n";
   // Alerts are rare: the alert log is opened for each one.
-  int fd = open((dir + "alert.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+  int fd = open((dir + "alert.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) return;
   ssize_t ignored = write(fd, line.data(), line.size());
   (void)ignored;

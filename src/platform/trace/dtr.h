@@ -83,7 +83,8 @@ void dtrflush(dtrcomp* comp);
 int dtrget_logname(char* buf, std::size_t size);
 
 // Names the trace file of this process: <home>/log/<program>.trc. Until it is called the
-// program name is "vyn". The file is reopened at the next line.
+// program name is "vyn". The file, once open, is kept until this or dtrreset is called, so a
+// home set later takes effect through them.
 void dtrSetProgram(const std::string& program);
 // Appends one unconditional line (a newline is added).
 void dtrWrite(const std::string& line);

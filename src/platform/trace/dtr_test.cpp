@@ -216,6 +216,18 @@ TEST_F(DtrTest, AnUnwritableLogDirectoryLosesLinesAndSaysSoOnce) {
                      (geteuid() == 0 ? "Not a directory" : "Permission denied") + "; its lines are lost\n");
 }
 
+TEST_F(DtrTest, APlantedLinkIsNotFollowed) {
+  std::string target = home_ + "/victim";
+  std::ofstream(target) << "keep\n";
+  fs::create_symlink(target, trc());
+  dtrreset();
+  ::testing::internal::CaptureStderr();
+  dtrprintft(nullptr, 0, " into the link");
+  std::string err = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("cannot write the trace file " + trc()), std::string::npos) << err;
+  EXPECT_EQ(readLines(target), std::vector<std::string>{"keep"});
+}
+
 TEST_F(DtrTest, NoHomeTracesNothingAndSaysNothing) {
   unsetenv("ZEL_VYN_HOME");
   dtrreset();

@@ -3,13 +3,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <sstream>
 
+#include "caa/lib/caavrg.h"
 #include "caa/logger/caa_event.h"
 #include "caa/logger/caa_logger.h"
 #include "caa/smsec/auth_exception.h"
 #include "caa/ui/api/caa_cmdparse.h"
 #include "caa/ui/res/caa_cmdprof.h"
 #include "cppgen/clsException.h"
+#include "cppgen/clsLog.h"
 #include "evm/libevm/clsgenv.h"
 #include "platform/idh/idh.h"
 #include "platform/osl/osl.h"
@@ -20,7 +23,13 @@ namespace CAA {
 
 namespace {
 
+const CLS_Debug::CLSlog& dbug() {
+  static const CLS_Debug::CLSlog* s_dbug = new CLS_Debug::CLSlog("VYNCMD");
+  return *s_dbug;
+}
+
 [[noreturn]] void finish(int status) {
+  caavrgTerm();
   idhterm();
   clsgenvterm();
   std::exit(status);
@@ -29,6 +38,9 @@ namespace {
 // An exception that no operation caught (an identity that cannot be read) ends the run with one
 // line on standard error.
 [[noreturn]] void escaped(const std::string& text) {
+  std::ostringstream os;
+  os << " An exception ended the command: " << text;
+  dbug().error(os, CLS_Debug::FUNC_FAIL, CLS_Debug::CLSlogModule::getModuleNone());
   std::fprintf(stderr, "vyn_profile: %s\n", text.c_str());
   std::fflush(stderr);
   finish(1);
