@@ -17,7 +17,7 @@ cleanup() {
 }
 trap cleanup EXIT
 chmod 755 "$work"
-cp -r "$build/home" "$work/home"
+cp -rL "$build/home" "$work/home"
 chmod -R a+rwX "$work/home"
 mkdir -m 777 "$work/elsewhere"
 VYN_REGISTRY=$work/reg.db "$build/bin/vyn_vrg" set SYSTEM.vyn.user_default_dir "$work/elsewhere" >/dev/null
