@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <new>
 #include <set>
 #include <string>
+#include <thread>
 
 struct prvrg_key {
   std::string name;    // full name; "" is the root
@@ -30,6 +32,7 @@ struct prvrg_ctx {
   bool default_level = false;  // asked for DEFAULT: a refused write answers PRVRG_ERR_LEVEL
   bool writable = false;       // DEFAULT and the store opened read-write
   bool in_write = false;       // inside a write transaction
+  std::chrono::steady_clock::time_point wait_start;  // when the current wait for a lock began
   int last_code = 0;
   std::string last_text;
   std::set<prvrg_key*> keys;  // open keys; the handle owns them until closed or terminated
@@ -38,7 +41,13 @@ struct prvrg_ctx {
 namespace {
 
 const int kSchemaVersion = 1;
-const int kBusyTimeoutMs = 5000;  // long enough to outlast another process's single call
+
+// A store held locked by another process is waited for at most kLockWait, and a process pays that
+// wait once: after one wait has run out, further waits give up at once until the store serves a
+// statement again, or until kLockRetry has passed (a long-lived process tries afresh now and then).
+// kLockWait is long enough to outlast another process's single call.
+const std::chrono::milliseconds kLockWait(5000);
+const std::chrono::milliseconds kLockRetry(60000);
 const char* const kDefaultStore = "/var/lib/vyn/registry.db";
 
 // Handles still alive, so that a terminated or foreign handle answers 3 instead of crashing.
@@ -52,12 +61,57 @@ struct Failure {
 
 [[noreturn]] void fail(int code, std::string text) { throw Failure{code, std::move(text)}; }
 
+// Whether a wait for a locked store has run out in this process, and when.
+class LockWaits {
+ public:
+  // The busy handler: true to try the lock again after a pause, false to give up.
+  bool keepWaiting(prvrg_ctx* ctx, int attempt) {
+    using std::chrono::steady_clock;
+    steady_clock::time_point now = steady_clock::now();
+    if (attempt == 0) ctx->wait_start = now;
+    steady_clock::duration left = kLockWait - (now - ctx->wait_start);
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (exhausted_ && now - exhaustedAt_ < kLockRetry) return false;
+      if (left <= steady_clock::duration::zero()) {
+        exhausted_ = true;
+        exhaustedAt_ = now;
+        return false;
+      }
+    }
+    // Short pauses first: another process's call is usually over within milliseconds.
+    static const int kPauseMs[] = {1, 2, 5, 10, 20, 50};
+    int n = sizeof kPauseMs / sizeof kPauseMs[0];
+    std::chrono::milliseconds pause(attempt < n ? kPauseMs[attempt] : 100);
+    std::this_thread::sleep_for(std::min<steady_clock::duration>(pause, left));
+    return true;
+  }
+  // The store answered a statement: the next lock is worth a full wait again.
+  void served() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    exhausted_ = false;
+  }
+
+ private:
+  std::mutex mutex_;
+  bool exhausted_ = false;
+  std::chrono::steady_clock::time_point exhaustedAt_;
+};
+
+LockWaits g_lockWaits;
+
+int busyHandler(void* ctx, int attempt) {
+  return g_lockWaits.keepWaiting(static_cast<prvrg_ctx*>(ctx), attempt) ? 1 : 0;
+}
+
 bool isLevelDefault(int level) { return level == PRVRG_LEVEL_DEFAULT || level == PRVRG_LOCAL_DEFAULT; }
 
-void check(prvrg_ctx* ctx, int rc, const char* what) {
+// The text of a failure is the store's own reason ("database is locked", "file is not a
+// database", ...) behind the store's path, so that whoever logs it tells the administrator why.
+void check(prvrg_ctx* ctx, int rc) {
   if (rc == SQLITE_OK || rc == SQLITE_ROW || rc == SQLITE_DONE) return;
   int primary = rc & 0xff;
-  std::string text = "registry store " + ctx->path + ": " + what + ": " + sqlite3_errmsg(ctx->db);
+  std::string text = "registry store " + ctx->path + ": " + sqlite3_errmsg(ctx->db);
   bool refused = primary == SQLITE_READONLY || primary == SQLITE_CANTOPEN || primary == SQLITE_PERM;
   if (ctx->in_write && refused && ctx->default_level) fail(PRVRG_ERR_LEVEL, text);
   fail(PRVRG_ERR_FAIL, text);
@@ -66,7 +120,7 @@ void check(prvrg_ctx* ctx, int rc, const char* what) {
 class Stmt {
  public:
   Stmt(prvrg_ctx* ctx, const char* sql) : ctx_(ctx) {
-    check(ctx, sqlite3_prepare_v2(ctx->db, sql, -1, &st_, nullptr), "prepare");
+    check(ctx, sqlite3_prepare_v2(ctx->db, sql, -1, &st_, nullptr));
   }
   ~Stmt() { sqlite3_finalize(st_); }
   Stmt(const Stmt&) = delete;
@@ -87,7 +141,8 @@ class Stmt {
   // True while a row is there.
   bool step() {
     int rc = sqlite3_step(st_);
-    check(ctx_, rc, "step");
+    check(ctx_, rc);
+    g_lockWaits.served();
     return rc == SQLITE_ROW;
   }
   sqlite3_int64 integer(int col) { return sqlite3_column_int64(st_, col); }
@@ -105,10 +160,10 @@ class Stmt {
   sqlite3_stmt* st_ = nullptr;
 };
 
-void exec(prvrg_ctx* ctx, const char* sql) { check(ctx, sqlite3_exec(ctx->db, sql, nullptr, nullptr, nullptr), sql); }
+void exec(prvrg_ctx* ctx, const char* sql) { check(ctx, sqlite3_exec(ctx->db, sql, nullptr, nullptr, nullptr)); }
 
 // One transaction per call. A write takes the write lock at BEGIN, so two writers queue on the
-// busy timeout instead of failing when a read lock would have to be upgraded.
+// busy handler instead of failing when a read lock would have to be upgraded.
 class Txn {
  public:
   Txn(prvrg_ctx* ctx, bool write) : ctx_(ctx) {
@@ -305,7 +360,7 @@ int prvrg_init_ext(prvrg_ctx** out, int level, char* errbuf, std::size_t* errlen
     if (sqlite3_open_v2(ctx->path.c_str(), &ctx->db, mode, nullptr) != SQLITE_OK)
       fail(PRVRG_ERR_FAIL, "cannot open registry store " + ctx->path + ": " +
                                (ctx->db ? sqlite3_errmsg(ctx->db) : "out of memory"));
-    sqlite3_busy_timeout(ctx->db, kBusyTimeoutMs);
+    sqlite3_busy_handler(ctx->db, busyHandler, ctx);
     // SQLite falls back to read-only by itself when the file cannot be written.
     ctx->writable = ctx->default_level && sqlite3_db_readonly(ctx->db, "main") == 0;
     openSchema(ctx, create);

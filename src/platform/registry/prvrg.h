@@ -9,7 +9,11 @@
 // and any other level open it read-only. A DEFAULT handle whose store cannot be written answers
 // PRVRG_ERR_LEVEL (24) to a write, so that a caller can fall back to REBOOT for reads.
 // Opening never creates a store; only a handle opened with PRVRG_FLAG_CREATE does (vyn_vrg).
-// Two processes may use one store at once: every call is one transaction, with a busy timeout.
+// Two processes may use one store at once: every call is one transaction, and a call that finds
+// the store locked waits for it. A process waits at most 5 s for a store that stays locked: once a
+// wait has run out, later calls give up at once (for a minute, or until the store answers again).
+// A failure's text (prvrg_get_last_error, or the error buffer of prvrg_init_ext) ends with the
+// store's own reason, e.g. "registry store /x/registry.db: database is locked".
 #include <cstddef>
 #include <cstdint>
 
