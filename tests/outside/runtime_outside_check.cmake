@@ -1,0 +1,22 @@
+# What the runtime's outside program must leave in its home's trace and alert files.
+file(READ ${home}/log/vyn.trc trace)
+file(READ ${home}/log/alert.log alerts)
+foreach(want "OUTSIDE:[ENTER] entered" "OUTSIDE: Created alert : (:OUTSIDE:) :  alerted"
+             "OUTTHRD: worker ran" "VYNVRG: VRG context init failure: " " outside program done\n"
+             " Done.\n")
+  string(FIND "${trace}" "${want}" at)
+  if(at EQUAL -1)
+    file(REMOVE_RECURSE ${run})
+    message(FATAL_ERROR "the trace lacks \"${want}\":\n${trace}")
+  endif()
+endforeach()
+string(FIND "${trace}" "too fine" at)
+if(NOT at EQUAL -1)
+  file(REMOVE_RECURSE ${run})
+  message(FATAL_ERROR "a filtered message was written:\n${trace}")
+endif()
+string(FIND "${alerts}" "alert 4242: (:OUTSIDE:) ${home}/log/vyn.trc" at)
+if(at EQUAL -1)
+  file(REMOVE_RECURSE ${run})
+  message(FATAL_ERROR "the alert log lacks alert 4242:\n${alerts}")
+endif()
