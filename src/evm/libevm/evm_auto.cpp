@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include "evm/libevm/evm_check.h"
@@ -68,8 +69,9 @@ const char* _evmGetUserName() {
 
 EvmIpAddress_t _evmGetHostIpFrom(const char* path, const char* host, const char* localHost) {
   if (path == nullptr || host == nullptr) return 0;
-  FILE* f = std::fopen(path, "r");
-  if (f == nullptr) return 0;
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path, "r"), std::fclose);
+  if (file == nullptr) return 0;
+  FILE* f = file.get();
   std::string domain;
   if (localHost != nullptr && *localHost) {
     const char* dot = std::strchr(localHost, '.');
@@ -107,7 +109,6 @@ EvmIpAddress_t _evmGetHostIpFrom(const char* path, const char* host, const char*
       result = htonl(((a & 0xff) << 24) | ((b & 0xff) << 16) | ((c & 0xff) << 8) | (d & 0xff));
     break;
   }
-  std::fclose(f);
   return result;
 }
 
