@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -615,6 +616,22 @@ TEST_F(EvmPostTest, DaemonGoneWhileSeveralThreadsPostFailsEveryPost) {
   peer_ = nullptr;
   for (auto& t : threads) t.join();
   for (EvmStatus_t st : results) EXPECT_EQ(st, EvmERROR_CONNECTION_LOST);
+}
+
+TEST_F(EvmPostTest, AnotherThreadSeesTheConnectionEndWhileItUsesIt) {
+  ASSERT_EQ(open(EvmCONNECTION_POST, EvmRESPONSE_WAIT), EvmERROR_NONE);
+  std::atomic<bool> started{false};
+  EvmStatus_t last = EvmERROR_NONE;
+  std::thread user([&] {
+    started = true;
+    while ((last = EvmConnControl(conn_, EvmCONN_CHECKSUM_ENABLE, nullptr)) == EvmERROR_NONE) std::this_thread::yield();
+  });
+  while (!started) std::this_thread::yield();
+  xpcdisc(peer_);
+  peer_ = nullptr;
+  EXPECT_EQ(dispatch(), EvmERROR_CONNECTION_LOST);
+  user.join();
+  EXPECT_EQ(last, EvmERROR_CONNECTION_LOST);
 }
 
 TEST(EvmQueueTest, EntriesLeaveInTheOrderTheyCameAndTheQueueOwnsThem) {
