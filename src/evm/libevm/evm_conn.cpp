@@ -59,12 +59,16 @@ EvmUint32_t firstAddress(const char* host) {
 
 EvmStatus_t sockInfoGet(EvmConnection_t c) {
   if (c->localHostName != nullptr) return EvmERROR_NONE;
-  const char* name = _evmGetHostName();
+  char* name = _evmHostNameDup();
+  if (name == nullptr) return EvmERROR_NO_MEMORY;
   EvmUint32_t a = firstAddress(name);
-  if (a == 0) return EvmERROR_RESOURCE;
-  c->localHostName = _evmmiscStrdup(name);
+  if (a == 0) {
+    std::free(name);
+    return EvmERROR_RESOURCE;
+  }
+  c->localHostName = name;
   c->localHostAddr = a;
-  return c->localHostName != nullptr ? EvmERROR_NONE : EvmERROR_NO_MEMORY;
+  return EvmERROR_NONE;
 }
 
 EvmStatus_t peerInfoGet(EvmConnection_t c) {
