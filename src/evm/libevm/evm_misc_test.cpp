@@ -65,6 +65,8 @@ TEST_F(EvmMiscTest, SettingsAndPathsPreferTheirOwnVariable) {
         char* d = _evmmiscDirStrdup("/mesg");
         bool ok = p != nullptr && std::strcmp(p, "/opt/vynhome/log/evm") == 0 && d != nullptr &&
                   std::strcmp(d, "/opt/vynhome/mesg") == 0;
+        std::free(p);
+        std::free(d);
         std::exit(ok ? 0 : 1);
       },
       ::testing::ExitedWithCode(0), "");
