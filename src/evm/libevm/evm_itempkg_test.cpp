@@ -11,9 +11,11 @@
 namespace {
 
 // Builds a package from a list the way the library does: size first, then build.
-EvmStatus_t build(std::vector<unsigned char>& buf, EvmBoolean_t relocatable, ...) {
+// The flag is an int: a parameter in front of "..." must not be one that promotion changes.
+EvmStatus_t build(std::vector<unsigned char>& buf, int reloc, ...) {
+  const EvmBoolean_t relocatable = static_cast<EvmBoolean_t>(reloc);
   va_list ap, a1, a2;
-  va_start(ap, relocatable);
+  va_start(ap, reloc);
   va_copy(a1, ap);
   va_copy(a2, ap);
   int entries = 0;
