@@ -70,3 +70,22 @@ TEST_F(EvmMsgTest, ToolMessagesCarryFacilityAndNumber) {
   EXPECT_EQ(_evmCliConvertHostArg("evmtool", "host:0", &port), EvmERROR_NONE);
   EXPECT_EQ(port, -1);
 }
+
+TEST_F(EvmMsgTest, ToolExitsSayWhyAndEndWithTheirStatus) {
+  EXPECT_EXIT(_evmCliExitNoMemory("evmtool"), ::testing::ExitedWithCode(14),
+              "^EVM-0027: Memory allocation failure\n\n$");
+  EXPECT_EXIT(_evmCliExitUsage("usage: evmtool [-h host]"), ::testing::ExitedWithCode(1),
+              "^usage: evmtool \\[-h host\\]\n$");
+  testing::internal::CaptureStderr();
+  _EvmMsgTimestamp();
+  std::string stamp = testing::internal::GetCapturedStderr();
+  ASSERT_EQ(stamp.size(), 21u) << stamp;  // "YYYY-MM-DD HH:MM:SS" and two blanks
+  EXPECT_EQ(stamp.substr(4, 1) + stamp.substr(7, 1) + stamp.substr(10, 1) + stamp.substr(13, 1) + stamp.substr(16, 1),
+            "-- ::");
+  EXPECT_EQ(stamp.substr(19), "  ");
+  // Without a catalog the tool says so instead of the message.
+  setenv("ZEL_VYN_HOME", "/nonexistent/home", 1);
+  testing::internal::CaptureStderr();
+  _evmCliPrintEvmStatus("evmtool", EvmERROR_READ);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Message / Message file not found\n");
+}

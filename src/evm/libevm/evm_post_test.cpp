@@ -19,6 +19,7 @@
 #include "evm/libevm/clsgenv.h"
 #include "evm/libevm/evm.h"
 #include "evm/libevm/evm_test_util.h"
+#include "platform/host/utlhost.h"
 #include "platform/registry/prvrg.h"
 
 namespace {
@@ -632,6 +633,85 @@ TEST_F(EvmPostTest, AnotherThreadSeesTheConnectionEndWhileItUsesIt) {
   EXPECT_EQ(dispatch(), EvmERROR_CONNECTION_LOST);
   user.join();
   EXPECT_EQ(last, EvmERROR_CONNECTION_LOST);
+}
+
+TEST_F(EvmPostTest, SetupRefusesWhatCannotBeAConnection) {
+  EvmConnection_t c = nullptr;
+  EXPECT_EQ(EvmConnCreate(EvmCONNECTION_POST, static_cast<EvmResponseMode_t>(3), nullptr, nullptr, nullptr, &c),
+            EvmERROR_INVALID_ARGUMENT);
+  EXPECT_EQ(EvmConnCreate(static_cast<EvmConnectionType_t>(3), EvmRESPONSE_WAIT, nullptr, nullptr, nullptr, &c),
+            EvmERROR_INVALID_ARGUMENT);
+  EvmTransport_t t{};
+  t.type = static_cast<EvmTransportType_t>(2);
+  EXPECT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, &t, nullptr, nullptr, &c), EvmERROR_INVALID_ARGUMENT);
+  t.type = EvmTRANSPORT_TCPIP;
+  t.data.tcpip.portNumber = -1;
+  t.data.tcpip.hostName = nullptr;
+  EXPECT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, &t, nullptr, nullptr, &c), EvmERROR_INVALID_ARGUMENT);
+  // A daemon host whose address key the registry lacks can't be reached.
+  char host[] = "localhost";
+  t.data.tcpip.hostName = host;
+  setenv("VYN_REGISTRY", (dir_ + "/none.db").c_str(), 1);
+  clsgenvterm();
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(EvmConnCreate(EvmCONNECTION_POST, EvmRESPONSE_WAIT, &t, nullptr, nullptr, &c), EvmERROR_CONNECT);
+  testing::internal::GetCapturedStdout();
+  clsgenvterm();
+  unsetenv("VYN_REGISTRY");
+  EXPECT_EQ(c, nullptr);
+  EXPECT_EQ(EvmConnDestroy(nullptr), EvmERROR_INVALID_ARGUMENT);
+  EvmEventHandle_s stale{};
+  EXPECT_EQ(EvmEventPost(nullptr, &stale), EvmERROR_INVALID_ARGUMENT) << "a handle without its stamp";
+  EXPECT_EQ(EvmEventPost(nullptr, nullptr), EvmERROR_INVALID_ARGUMENT);
+}
+
+TEST_F(EvmPostTest, AddressesOfTheLocalDaemonAndHostKeys) {
+  setenv("GMX_CLUSTERNAME", "alpha", 1);
+  char* s = _evmdConnString(0);
+  char host[256] = {};
+  ASSERT_GT(utlhost(host, sizeof host), 0);
+  EXPECT_EQ(std::string(s), std::string("(ADDRESS=(PROTOCOL=ipc)(KEY=SYSTEM.evm.acceptor.auth.alpha.") + host + "))");
+  std::free(s);
+  unsetenv("GMX_CLUSTERNAME");
+  // A dotted number stands for the name the host is known by; a name stays as far as its dot.
+  char dotted[] = "127.0.0.1";
+  EXPECT_STREQ(_StripHostKey(dotted), "localhost");
+  char plain[] = "node7";
+  EXPECT_STREQ(_StripHostKey(plain), "node7");
+  EXPECT_EQ(_StripHostKey(nullptr), nullptr);
+  // The process-wide transport context is made once, and again after it has ended.
+  xpcctx* ctx = EvmInitxpcctx();
+  ASSERT_NE(ctx, nullptr);
+  EXPECT_EQ(EvmInitxpcctx(), ctx);
+  Evmxpcterm();
+  EXPECT_NE(EvmInitxpcctx(), nullptr);
+}
+
+TEST_F(EvmPostTest, WhatNoCallbackTakesIsFreedAndABrokenTemplateEndsTheConnection) {
+  ASSERT_EQ(open(EvmCONNECTION_POST, EvmRESPONSE_WAIT), EvmERROR_NONE);
+  // A delivered event on a connection without a callback goes nowhere, and nothing leaks.
+  EvmUint32_t len = 0;
+  auto* bytes = static_cast<const unsigned char*>(EvmEventWriteBuf(&len, event_));
+  Message block(bytes, bytes + len);
+  sendHead(EvmCOMM_NOTIFY, 0, 0, len);
+  send(block);
+  EXPECT_EQ(dispatch(), EvmERROR_NONE);
+  EvmConnDestroy(conn_);
+  conn_ = nullptr;
+  xpcdisc(peer_);
+  peer_ = nullptr;
+
+  std::vector<Seen> seen;
+  ASSERT_EQ(open(EvmCONNECTION_POST, EvmRESPONSE_CALLBACK, record, &seen), EvmERROR_NONE);
+  sendHead(EvmCOMM_REGISTRATION_RSP, 0, 5);
+  send(Message(EVM_TEMPLATE_DATA_SIZE, 0));
+  send(Message(EVM_XPC_HEADER_SIZE + 10, 0));  // no 120-byte head
+  EXPECT_EQ(dispatch(), EvmERROR_NONE) << "the callback hears of it, not the dispatcher";
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].reason, EvmREASON_REGISTRATION_DELIVERED);
+  EXPECT_EQ(seen[0].status, EvmERROR_CONNECTION_LOST);
+  EXPECT_EQ(seen[0].name, "");
+  EXPECT_EQ(EvmEventPost(conn_, event_), EvmERROR_CONNECTION_LOST);
 }
 
 TEST(EvmQueueTest, EntriesLeaveInTheOrderTheyCameAndTheQueueOwnsThem) {
