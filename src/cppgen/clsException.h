@@ -86,7 +86,7 @@ class IntException : public Exception {
   std::string className() const override { return "IntException"; }
 
  private:
-  int m_value;
+  [[maybe_unused]] int m_value;  // carried for the thrower; nothing in this program reads it
   std::string m_component;
 };
 

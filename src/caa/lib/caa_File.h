@@ -57,7 +57,7 @@ class CaaFile {
   bool operator!=(const CaaFile& other) const { return filename != other.filename; }
 
  private:
-  CaaLogger* caa_logger;
+  [[maybe_unused]] CaaLogger* caa_logger;
   std::string filename;
   OslFd fd;
 };

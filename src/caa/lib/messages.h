@@ -27,7 +27,7 @@ class Messages {
 
  private:
   char* cxxl_filename;
-  int cxxl_set;
+  [[maybe_unused]] int cxxl_set;
   char* cxxl_default_file_location;
 };
 

@@ -17,7 +17,8 @@ TEST(IdentityTest, CurrentIdentityKnowsTheSuperuser) {
   EXPECT_EQ(me.toString(), me.getUserName() + "/" + me.getPrimaryGroupName() + ",/GI=0");
 
   Identity copy = me;
-  copy = copy;
+  Identity& same = copy;
+  copy = same;  // assigned to itself
   EXPECT_TRUE(copy == me);
   EXPECT_EQ(copy.toString(), me.toString());
 }

@@ -212,7 +212,11 @@ int clsgenvvrg(const char* str, char* buf) {
 
 int clsgetconnstr(const char* key, char* buf) {
   if (key == nullptr || buf == nullptr) return 1;
-  return readKey(key, buf, 256) == 0 ? 0 : 1;
+  // The registry context is made at the first use, which may be a lookup of another thread.
+  pthread_mutex_lock(&clsEnvMutex);
+  int rc = readKey(key, buf, 256);
+  pthread_mutex_unlock(&clsEnvMutex);
+  return rc == 0 ? 0 : 1;
 }
 
 const char* clsgenv(const char* str) {
@@ -255,20 +259,28 @@ const char* clsgenv(const char* str) {
 
 int clssetzelkorhome(const char* zelhome) {
   envs_ctx ectx;
-  if (envs_init(&ectx, genvvrgctx != nullptr ? genvvrgctx->vrgctx : nullptr) != 0) return 1;
-  int rc = envs_set_zelkor_home(&ectx, zelhome);
-  envs_close(&ectx);
+  pthread_mutex_lock(&clsEnvMutex);
+  int rc = envs_init(&ectx, genvvrgctx != nullptr ? genvvrgctx->vrgctx : nullptr);
+  if (rc == 0) {
+    rc = envs_set_zelkor_home(&ectx, zelhome);
+    envs_close(&ectx);
+  }
+  pthread_mutex_unlock(&clsEnvMutex);
   return rc == 0 ? 0 : 1;
 }
 
 int clsgenvinit() {
-  if (genvvrgctx != nullptr) return 0;
-  return clsgenv_initctx();
+  pthread_mutex_lock(&clsEnvMutex);
+  int rc = genvvrgctx != nullptr ? 0 : clsgenv_initctx();
+  pthread_mutex_unlock(&clsEnvMutex);
+  return rc;
 }
 
 void clsgenvterm() {
+  pthread_mutex_lock(&clsEnvMutex);
   clsgenvctx* ctx = genvvrgctx;
   genvvrgctx = nullptr;
+  pthread_mutex_unlock(&clsEnvMutex);
   if (ctx == nullptr) return;
   prvrg_terminate(ctx->vrgctx);
   ctx->vrgctx = nullptr;

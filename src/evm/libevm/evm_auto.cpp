@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include "evm/libevm/evm_check.h"
@@ -22,19 +23,59 @@ char s_hostName[65];
 char s_userName[13];
 const char* (*s_userSource)() = nullptr;
 
-const char* lookUpUserName() { return s_userSource != nullptr ? s_userSource() : _evmGetUserName(); }
+// The lookups behind the two static buffers, into the caller's own: posts on several threads
+// stamp their events through these, and never share a buffer.
+void hostNameInto(char (&buf)[sizeof s_hostName]) {
+  std::memset(buf, 0, sizeof buf);
+  if (utlhost(buf, 64) < 0) buf[0] = '\0';
+}
+
+bool userNameInto(char (&buf)[sizeof s_userName]) {
+  struct passwd pw;
+  struct passwd* found = nullptr;
+  char scratch[4096];
+  if (getpwuid_r(geteuid(), &pw, scratch, sizeof scratch, &found) != 0 || found == nullptr) return false;
+  std::size_t len = std::strlen(found->pw_name);
+  // Room for 12 characters: a longer name is refused rather than cut.
+  if (len == 0 || len >= sizeof buf) return false;
+  std::memcpy(buf, found->pw_name, len + 1);
+  return true;
+}
+
+// The user's name, or false when there is none.
+bool lookUpUserName(std::string* name) {
+  if (s_userSource != nullptr) {
+    const char* given = s_userSource();
+    if (given == nullptr) return false;
+    *name = given;
+    return true;
+  }
+  char buf[sizeof s_userName];
+  if (!userNameInto(buf)) return false;
+  *name = buf;
+  return true;
+}
 
 // The cached name while the effective user is unchanged; otherwise a fresh lookup, remembered.
-const char* userNameFor(EvmIdentityCache_t* cache) {
-  if (cache == nullptr) return lookUpUserName();
+bool userNameFor(EvmIdentityCache_t* cache, std::string* name) {
+  if (cache == nullptr) return lookUpUserName(name);
   uid_t now = geteuid();
-  if (cache->known == EvmTRUE && cache->euid == now && cache->userName != nullptr) return cache->userName;
-  const char* name = lookUpUserName();
+  if (cache->known == EvmTRUE && cache->euid == now && cache->userName != nullptr) {
+    *name = cache->userName;
+    return true;
+  }
+  bool found = lookUpUserName(name);
   std::free(cache->userName);
-  cache->userName = _evmmiscStrdup(name);
+  cache->userName = found ? _evmmiscStrdup(name->c_str()) : nullptr;
   cache->euid = now;
   cache->known = EvmTRUE;
-  return cache->userName;
+  return found;
+}
+
+std::string localHostName() {
+  char buf[sizeof s_hostName];
+  hostNameInto(buf);
+  return buf;
 }
 
 }  // namespace
@@ -49,27 +90,19 @@ void _evmIdentityCacheFree(EvmIdentityCache_t* cache) {
 void _evmSetUserNameSource(const char* (*source)()) { s_userSource = source; }
 
 const char* _evmGetHostName() {
-  std::memset(s_hostName, 0, sizeof s_hostName);
-  if (utlhost(s_hostName, 64) < 0) s_hostName[0] = '\0';
+  hostNameInto(s_hostName);
   return s_hostName;
 }
 
-const char* _evmGetUserName() {
-  struct passwd pw;
-  struct passwd* found = nullptr;
-  char scratch[4096];
-  if (getpwuid_r(geteuid(), &pw, scratch, sizeof scratch, &found) != 0 || found == nullptr) return nullptr;
-  std::size_t len = std::strlen(found->pw_name);
-  // Room for 12 characters: a longer name is refused rather than cut.
-  if (len == 0 || len >= sizeof s_userName) return nullptr;
-  std::memcpy(s_userName, found->pw_name, len + 1);
-  return s_userName;
-}
+char* _evmHostNameDup() { return _evmmiscStrdup(localHostName().c_str()); }
+
+const char* _evmGetUserName() { return userNameInto(s_userName) ? s_userName : nullptr; }
 
 EvmIpAddress_t _evmGetHostIpFrom(const char* path, const char* host, const char* localHost) {
   if (path == nullptr || host == nullptr) return 0;
-  FILE* f = std::fopen(path, "r");
-  if (f == nullptr) return 0;
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path, "r"), std::fclose);
+  if (file == nullptr) return 0;
+  FILE* f = file.get();
   std::string domain;
   if (localHost != nullptr && *localHost) {
     const char* dot = std::strchr(localHost, '.');
@@ -107,12 +140,11 @@ EvmIpAddress_t _evmGetHostIpFrom(const char* path, const char* host, const char*
       result = htonl(((a & 0xff) << 24) | ((b & 0xff) << 16) | ((c & 0xff) << 8) | (d & 0xff));
     break;
   }
-  std::fclose(f);
   return result;
 }
 
 EvmIpAddress_t _evmGetHostIp(const char* host) {
-  std::string local = _evmGetHostName();
+  std::string local = localHostName();
   return _evmGetHostIpFrom("/etc/hosts", host, local.c_str());
 }
 
@@ -121,7 +153,8 @@ EvmStatus_t _EvmItemSetAutoWithCache(EvmEvent_t event, EvmItemMask_t mask, EvmId
   if (_evmuiTestEventMagic(event) != EvmERROR_NONE) return EvmERROR_INVALID_ARGUMENT;
   const std::int64_t pid = getpid();
   const std::int64_t ppid = getppid();
-  const char* user = userNameFor(cache);
+  std::string userName;
+  const char* user = userNameFor(cache, &userName) ? userName.c_str() : nullptr;
   if (mask & ~EVM_AUTO_ITEM_MASK) return EvmERROR_INVALID_ARGUMENT;
   const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr));
   auto selected = [mask](EvmItemId_t id) { return (mask & (EvmItemMask_t{1} << id)) != 0; };
@@ -132,7 +165,7 @@ EvmStatus_t _EvmItemSetAutoWithCache(EvmEvent_t event, EvmItemMask_t mask, EvmId
     else
       st = EvmItemSetVa(event, EvmITEM_TIMESTAMP, now, EvmITEM_PPID, ppid, EvmITEM_PID, pid, 0);
     if (st != EvmERROR_NONE || overTcp != EvmTRUE) return st;
-    std::string host = _evmGetHostName();
+    std::string host = localHostName();
     st = EvmItemSetVa(event, EvmITEM_HOST_NAME, host.c_str(), 0);
     if (st != EvmERROR_NONE) return st;
     return EvmItemSetVa(event, EvmITEM_HOST_IP, static_cast<int>(_evmGetHostIp(host.c_str())), 0);
@@ -144,7 +177,7 @@ EvmStatus_t _EvmItemSetAutoWithCache(EvmEvent_t event, EvmItemMask_t mask, EvmId
   if (selected(EvmITEM_PID) && (st = EvmItemSetVa(event, EvmITEM_PID, pid, 0)) != EvmERROR_NONE) return st;
   if (selected(EvmITEM_PPID) && (st = EvmItemSetVa(event, EvmITEM_PPID, ppid, 0)) != EvmERROR_NONE) return st;
   std::string host;
-  if (selected(EvmITEM_HOST_NAME) || selected(EvmITEM_HOST_IP)) host = _evmGetHostName();
+  if (selected(EvmITEM_HOST_NAME) || selected(EvmITEM_HOST_IP)) host = localHostName();
   if (selected(EvmITEM_HOST_NAME) && (st = EvmItemSetVa(event, EvmITEM_HOST_NAME, host.c_str(), 0)) != EvmERROR_NONE)
     return st;
   if (selected(EvmITEM_HOST_IP) &&

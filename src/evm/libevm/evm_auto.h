@@ -29,8 +29,11 @@ EvmStatus_t _EvmItemSetAutoWithCache(EvmEvent_t event, EvmItemMask_t mask, EvmId
                                      EvmBoolean_t overTcp);
 EvmStatus_t _EvmItemSetAuto(EvmEvent_t event, EvmItemMask_t mask);
 
-// The local host name in a static buffer; empty when unknown, never null.
+// The local host name in a static buffer; empty when unknown, never null. Not for several
+// threads at once; the library's own stamping doesn't use it.
 const char* _evmGetHostName();
+// The local host name as a new string (empty when unknown); safe on any thread.
+char* _evmHostNameDup();
 // The user's name (at most 12 characters) in a static buffer, or null.
 const char* _evmGetUserName();
 // A host's address in network order from /etc/hosts, or 0.

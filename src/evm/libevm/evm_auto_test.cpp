@@ -7,6 +7,8 @@
 
 #include <cstdio>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "evm/libevm/evm.h"
 
@@ -118,5 +120,35 @@ TEST_F(EvmAutoTest, IdentityHelpersNeverFailLoudly) {
   if (user != nullptr) {
     EXPECT_GT(std::string(user).size(), 0u);
     EXPECT_LE(std::string(user).size(), 12u);
+  }
+}
+
+TEST_F(EvmAutoTest, ThreadsStampingAtOnceEachGetTheWholeIdentity) {
+  _evmSetUserNameSource(nullptr);  // the real lookups, which several threads now run together
+  const std::string host = _evmGetHostName();
+  const char* user = _evmGetUserName();
+  const std::string expectUser = user != nullptr ? user : "";
+  std::vector<std::string> hosts(4), users(4);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&, i] {
+      EvmEvent_t e = nullptr;
+      EvmEventCreateVa(&e, EvmITEM_NAME, "a.b", 0);
+      for (int round = 0; round < 20; ++round) _EvmItemSetAutoWithCache(e, 0, nullptr, EvmTRUE);
+      EvmItemValue_t v;
+      if (EvmItemGet(e, EvmITEM_HOST_NAME, &v) == EvmERROR_NONE) {
+        hosts[i] = v.HOST_NAME;
+        EvmItemRelease(EvmITEM_HOST_NAME, v);
+      }
+      if (EvmItemGet(e, EvmITEM_USER_NAME, &v) == EvmERROR_NONE) {
+        users[i] = v.USER_NAME;
+        EvmItemRelease(EvmITEM_USER_NAME, v);
+      }
+      EvmEventDestroy(e);
+    });
+  for (auto& t : threads) t.join();
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(hosts[i], host);
+    EXPECT_EQ(users[i], expectUser);
   }
 }

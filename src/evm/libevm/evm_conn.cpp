@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "evm/libevm/clsgenv.h"
@@ -52,19 +53,22 @@ EvmUint32_t firstAddress(const char* host) {
   hints.ai_family = AF_INET;
   addrinfo* res = nullptr;
   if (getaddrinfo(host, nullptr, &hints, &res) != 0 || res == nullptr) return 0;
-  EvmUint32_t a = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr.s_addr;
-  freeaddrinfo(res);
-  return a;
+  std::unique_ptr<addrinfo, void (*)(addrinfo*)> owner(res, freeaddrinfo);
+  return reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr.s_addr;
 }
 
 EvmStatus_t sockInfoGet(EvmConnection_t c) {
   if (c->localHostName != nullptr) return EvmERROR_NONE;
-  const char* name = _evmGetHostName();
+  char* name = _evmHostNameDup();
+  if (name == nullptr) return EvmERROR_NO_MEMORY;
   EvmUint32_t a = firstAddress(name);
-  if (a == 0) return EvmERROR_RESOURCE;
-  c->localHostName = _evmmiscStrdup(name);
+  if (a == 0) {
+    std::free(name);
+    return EvmERROR_RESOURCE;
+  }
+  c->localHostName = name;
   c->localHostAddr = a;
-  return c->localHostName != nullptr ? EvmERROR_NONE : EvmERROR_NO_MEMORY;
+  return EvmERROR_NONE;
 }
 
 EvmStatus_t peerInfoGet(EvmConnection_t c) {
@@ -197,7 +201,11 @@ EvmStatus_t _evmConnContextCheck(EvmConnection_t connection) {
 EvmStatus_t _evmConnContextActive(EvmConnection_t connection) {
   EvmStatus_t st = _evmConnContextCheck(connection);
   if (st != EvmERROR_NONE) return st;
-  if (connection->con == nullptr || connection->disabled == EvmTRUE) return EvmERROR_CONNECTION_LOST;
+  // Another thread's failed read may be disabling the connection at this very moment.
+  pthread_mutex_lock(&connection->ack_mx);
+  const bool disabled = connection->disabled == EvmTRUE;
+  pthread_mutex_unlock(&connection->ack_mx);
+  if (connection->con == nullptr || disabled) return EvmERROR_CONNECTION_LOST;
   return EvmERROR_NONE;
 }
 
@@ -421,7 +429,7 @@ EvmStatus_t EvmConnControl(EvmConnection_t connection, EvmConnControlRequest_t r
       return EvmERROR_NONE;
     case EvmCONN_LOCAL_HOST_NAME_GET:
     case EvmCONN_LOCAL_IP_GET:
-      if (!tcp) return EvmERROR_INVALID_ARGUMENT;
+      if (!tcp || argument == nullptr) return EvmERROR_INVALID_ARGUMENT;
       st = sockInfoGet(connection);
       if (st != EvmERROR_NONE) return st;
       if (request == EvmCONN_LOCAL_HOST_NAME_GET)
@@ -431,7 +439,7 @@ EvmStatus_t EvmConnControl(EvmConnection_t connection, EvmConnControlRequest_t r
       return EvmERROR_NONE;
     case EvmCONN_REMOTE_HOST_NAME_GET:
     case EvmCONN_REMOTE_IP_GET:
-      if (!tcp) return EvmERROR_INVALID_ARGUMENT;
+      if (!tcp || argument == nullptr) return EvmERROR_INVALID_ARGUMENT;
       st = peerInfoGet(connection);
       if (st != EvmERROR_NONE) return st;
       if (request == EvmCONN_REMOTE_HOST_NAME_GET)
@@ -458,7 +466,7 @@ EvmStatus_t EvmConnControl(EvmConnection_t connection, EvmConnControlRequest_t r
       return EvmERROR_NONE;
     }
     case EvmCONN_CLUSTER_HOST_IP_GET:
-      if (!tcp) return EvmERROR_INVALID_ARGUMENT;
+      if (!tcp || argument == nullptr) return EvmERROR_INVALID_ARGUMENT;
       *static_cast<cls_in_addr_t*>(argument) = connection->realHostAddr;
       return EvmERROR_NONE;
     case EvmCONN_POST_ITEM_MASK_SET:

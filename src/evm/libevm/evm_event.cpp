@@ -84,7 +84,10 @@ EvmStatus_t _evmuiEventCreate(EvmEvent_t* event, EvmSize_t size) {
 EvmEvent_t _evmMakeEvent(EvmEventHead_t* head) {
   if (head == nullptr) return nullptr;
   EvmEvent_t h = nullptr;
-  if (_evmuiAllocateHandle(&h) != EvmERROR_NONE) return nullptr;
+  if (_evmuiAllocateHandle(&h) != EvmERROR_NONE) {
+    std::free(head);
+    return nullptr;
+  }
   h->head_p = head;
   if (_evmEventTranslateVersion(h) != EvmERROR_NONE || _evmValidate(h, nullptr) != EvmERROR_NONE) {
     std::free(h->head_p);

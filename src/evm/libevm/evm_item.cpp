@@ -321,7 +321,7 @@ EvmStatus_t _evmEventCreateFromItemPkg(EvmEvent_t* event, EvmItemPkg_t* package)
 }
 
 EvmStatus_t EvmEventCreateVa(EvmEvent_t* event, ...) {
-  if (evmglob_Initialized == 0) evmglobInit();
+  if (evmglob_Initialized.load() == 0) evmglobInit();
   if (event == nullptr) {
     EvmLog_C_module_error(EvmDL2, "EvmEventCreateVa - illegal argument *event (NULL).");
     return EvmERROR_INVALID_ARGUMENT;

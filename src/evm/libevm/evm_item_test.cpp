@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "evm/libevm/evm.h"
 #include "evm/libevm/evm_test_util.h"
 
@@ -194,4 +198,20 @@ TEST_F(EvmItemTest, MergeAddsOnlyWhatTheEventLacks) {
   EXPECT_EQ(e_->head_p->flags & 0x20u, 0u);
   EXPECT_EQ(EvmEventValidate(e_), EvmERROR_NONE);
   EvmEventDestroy(tmpl);
+}
+
+TEST_F(EvmItemTest, FirstEventsOfSeveralThreadsAtOnce) {
+  // As in a fresh process whose threads all make their first event at the same moment.
+  evmglob_Initialized = 0;
+  std::atomic<int> made{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i)
+    threads.emplace_back([&] {
+      EvmEvent_t e = nullptr;
+      if (EvmEventCreateVa(&e, EvmITEM_NAME, "sys.zel.test.first", 0) == EvmERROR_NONE) ++made;
+      EvmEventDestroy(e);
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(made.load(), 4);
+  EXPECT_EQ(evmglob_Initialized.load(), 1);
 }

@@ -13,8 +13,9 @@
 
 #include "evm/libevm/clsgenv.h"
 #include "platform/host/utlhost.h"
+#include "platform/osl/osl_fd.h"
 
-int evmglob_Initialized = 0;
+std::atomic<int> evmglob_Initialized{0};
 EvmPid_t evmglob_EvmUserPid = 0;
 
 namespace {
@@ -109,7 +110,7 @@ EvmStatus_t _evmProcTermEventSet(EvmEvent_t) { return EvmERROR_NONE; }
 EvmStatus_t _evmProcTermEventClear() { return EvmERROR_NONE; }
 EvmStatus_t _evmDoProcTermEvent() { return EvmERROR_NONE; }
 
-void evmglobInit() { evmglob_Initialized = 1; }
+void evmglobInit() { evmglob_Initialized.store(1); }
 
 FILE* _evmtempfile() {
   const char* home = clsgenv(kHomeVar);
@@ -123,15 +124,13 @@ FILE* _evmtempfile() {
     return nullptr;
   }
   std::string path = std::string(home) + "/log/evm/" + host + "_sort.log";
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NONBLOCK, 0666);
-  if (fd < 0) return nullptr;
-  FILE* fp = fdopen(fd, "wb+");
-  if (fp == nullptr) {
-    close(fd);
-    unlink(path.c_str());
-    return nullptr;
-  }
+  OslFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NONBLOCK, 0666));
+  if (!fd) return nullptr;
+  FILE* fp = fdopen(fd.get(), "wb+");
+  // The file has no name from here on: nobody else can open it, and it goes with its stream.
   unlink(path.c_str());
+  if (fp == nullptr) return nullptr;
+  fd.release();  // the stream closes it now
   return fp;
 }
 

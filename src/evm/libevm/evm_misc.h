@@ -5,6 +5,7 @@
 // the scratch file, and the no-op hooks that other clients of the library call.
 #include <sys/uio.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 
@@ -39,7 +40,9 @@ EvmStatus_t _evmProcTermEventSet(EvmEvent_t event);
 EvmStatus_t _evmProcTermEventClear();
 EvmStatus_t _evmDoProcTermEvent();
 
-extern int evmglob_Initialized;
+// Set once by the first EvmEventCreateVa of any thread; atomic because that may be several
+// threads at the same moment.
+extern std::atomic<int> evmglob_Initialized;
 extern EvmPid_t evmglob_EvmUserPid;
 void evmglobInit();
 

@@ -63,6 +63,20 @@ void removeWaiter(EvmConnection_t c, _evmAckWaiter_t* w) {
   c->ackPending = c->ackWaiters != nullptr ? EvmTRUE : EvmFALSE;
 }
 
+// ackPending is shared with the posts of other threads, which change it under ack_mx.
+void setAckPending(EvmConnection_t c, EvmBoolean_t value) {
+  pthread_mutex_lock(&c->ack_mx);
+  c->ackPending = value;
+  pthread_mutex_unlock(&c->ack_mx);
+}
+
+bool ackPending(EvmConnection_t c) {
+  pthread_mutex_lock(&c->ack_mx);
+  const bool pending = c->ackPending == EvmTRUE;
+  pthread_mutex_unlock(&c->ack_mx);
+  return pending;
+}
+
 bool isAnswerStatus(EvmStatus_t st) {
   return st == EvmERROR_EVENT_REJECTED || st == EvmERROR_EVENT_NOT_VALID || st == EvmERROR_NO_MEMORY;
 }
@@ -221,6 +235,8 @@ EvmStatus_t _evmConnEventSend(EvmConnection_t connection, EvmEvent_t event) {
     releaseChannel(connection);
     if (st != EvmERROR_WOULDBLOCK) return st;
   }
+  // Only a transport that can say "would block" gets here; the blocking transport never does, so
+  // its queue stays empty. The queue is kept for callers that turn non-blocking posts on.
   char* linear = nullptr;
   EvmUint32_t length = 0;
   st = _evmIovToLinearMsg(v, 2, &linear, &length);
@@ -333,6 +349,8 @@ EvmStatus_t EvmConnWaitInternal(EvmConnection_t connection, cls_timeval* timeout
   if (st != EvmERROR_NONE) return st;
   int r;
   if (timeout != nullptr) {
+    // tv_usec counts milliseconds, not microseconds: {2, 500} is two and a half seconds, as the
+    // library's callers have always written it.
     int ms = timeout->tv_sec * 1000 + timeout->tv_usec;
     r = xpcselect(connection->ugblm, DummyEvtHdlr, ms, 250, XPC_WAIT_TIMED);
   } else {
@@ -373,14 +391,14 @@ EvmStatus_t EvmConnDispatch(EvmConnection_t connection) {
 
 EvmStatus_t _evmConnWaitForAcknowledgement(EvmConnection_t connection) {
   EvmStatus_t st = EvmERROR_NONE;
-  connection->ackPending = EvmTRUE;
-  while (connection->ackPending == EvmTRUE) {
+  setAckPending(connection, EvmTRUE);
+  while (ackPending(connection)) {
     st = EvmConnWait(connection, nullptr);
     if (st == EvmERROR_NONE) {
       st = EvmConnDispatch(connection);
       if (st != EvmERROR_NONE) break;
     } else if (st != EvmERROR_SIGNAL) {
-      connection->ackPending = EvmFALSE;
+      setAckPending(connection, EvmFALSE);
       break;
     }
   }
@@ -443,7 +461,7 @@ EvmStatus_t _evmConnDispatchNext(EvmConnection_t connection) {
     case EvmCOMM_AUTHENT_RSP:
     case EvmCOMM_SYNCHRO_RSP: {
       EvmStatus_t st = EvmERROR_NONE;
-      if (connection->ackPending != EvmTRUE)
+      if (!ackPending(connection))
         st = EvmERROR_PROTOCOL;
       else if (h.flags & evmCommFlag(EvmCOMMFLAG_INVALID_DATA))
         st = EvmERROR_INVALID_ARGUMENT;
@@ -455,7 +473,7 @@ EvmStatus_t _evmConnDispatchNext(EvmConnection_t connection) {
         _evmConnDisable(connection);
         return st;
       }
-      connection->ackPending = EvmFALSE;
+      setAckPending(connection, EvmFALSE);
       if (h.type == EvmCOMM_CONNECT_RSP && h.bodySize > 0 && connection->transportType == EvmTRANSPORT_TCPIP) {
         if (h.version != 0 && connection->daemonCommVrsn != 2) connection->daemonCommVrsn = 1;
         auto* body = static_cast<unsigned char*>(std::malloc(h.bodySize < EVM_XPC_HEADER_SIZE ? EVM_XPC_HEADER_SIZE

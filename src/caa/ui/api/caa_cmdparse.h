@@ -33,7 +33,7 @@ class CmdParse {
   int aItr;  // the cursor; 0 before the first token
   char** argv;
   std::string pname;
-  CaaLogger* caa_logger;
+  [[maybe_unused]] CaaLogger* caa_logger;
 };
 
 }  // namespace CAA
