@@ -111,16 +111,9 @@ class EvmPostTest : public ::testing::Test {
     ASSERT_EQ(xpcsend(peer_, m.data(), static_cast<std::uint32_t>(m.size())), xpcretSUCC);
   }
   void sendHead(std::uint32_t type, std::uint32_t flags, std::uint64_t headerData = 0, std::uint32_t bodySize = 0) {
-    Message m(EVM_COMM_HEAD_SIZE, 0);
-    std::uint16_t ident = EVM_COMM_IDENT, version = EVM_COMM_VERSION;
-    std::memcpy(&m[EVM_COMM_OFF_IDENT], &ident, 2);
-    std::memcpy(&m[EVM_COMM_OFF_VERSION], &version, 2);
-    evmStore32(m.data(), EVM_COMM_OFF_TYPE, type);
-    evmStore32(m.data(), EVM_COMM_OFF_FLAGS, flags);
-    evmStore32(m.data(), EVM_COMM_OFF_MAGIC, EVM_COMM_MAGIC);
-    std::memcpy(&m[EVM_COMM_OFF_HEADER_DATA], &headerData, 8);
-    evmStore32(m.data(), EVM_COMM_OFF_BODY_SIZE, bodySize);
-    send(m);
+    EvmCommHead_t h = evmCommHead(type, flags, headerData, bodySize);
+    const unsigned char* p = reinterpret_cast<const unsigned char*>(&h);
+    send(Message(p, p + EVM_COMM_HEAD_SIZE));
   }
   // Waits until the daemon's message is there, then has the client act on it.
   EvmStatus_t dispatch() {
