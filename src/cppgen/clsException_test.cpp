@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 
 #include "cppgen/clsUserErrorException.h"
@@ -27,12 +28,23 @@ TEST(ExceptionTest, PrintGivesClassAndText) {
   EXPECT_EQ(os.str(), "BadIOException : disk");
 }
 
+// Texts come from the catalog of a copy of the shipped home, which also takes the trace lines.
 class UserErrorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    setenv("ZEL_VYN_HOME", std::getenv("VYN_TEST_HOME"), 1);
+    char tmpl[] = "/tmp/vyn_usererr_XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    std::filesystem::copy(std::getenv("VYN_TEST_HOME"), dir_ + "/home", std::filesystem::copy_options::recursive);
+    setenv("ZEL_VYN_HOME", (dir_ + "/home").c_str(), 1);
     setenv("LANG", "C", 1);
   }
+  void TearDown() override {
+    unsetenv("ZEL_VYN_HOME");
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+  std::string dir_;
 };
 
 TEST_F(UserErrorTest, RendersTheCatalogTextWithItsArguments) {

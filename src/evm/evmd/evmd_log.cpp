@@ -145,6 +145,18 @@ void EventLog::writeAll(int fd, const unsigned char* p, std::size_t n) {
   }
 }
 
+// Copies the log's bytes of `s` to the end of `out`, a chunk at a time.
+void EventLog::copySpan(const Span& s, int out) {
+  std::vector<unsigned char> buf;
+  for (off_t at = s.begin; at < s.end;) {
+    std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - at, kScanChunk));
+    buf.resize(n);
+    if (!preadAll(fd_.get(), buf.data(), n, at)) throw LogError("cannot read the event log " + path_);
+    writeAll(out, buf.data(), n);
+    at += static_cast<off_t>(n);
+  }
+}
+
 // Copies the damaged bytes to the first free <log>.damaged.<n>: written beside under a
 // temporary name, synced, renamed, so that a file of that name is always whole.
 std::string EventLog::saveDamage(const Span& s) {
@@ -158,14 +170,7 @@ std::string EventLog::saveDamage(const Span& s) {
   unlink(tmp.c_str());
   OslFd out(open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
   if (!out) throw LogError("cannot save the damaged part of the event log to " + tmp + ": " + errText());
-  std::vector<unsigned char> buf;
-  for (off_t at = s.begin; at < s.end;) {
-    std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - at, kScanChunk));
-    buf.resize(n);
-    if (!preadAll(fd_.get(), buf.data(), n, at)) throw LogError("cannot read the event log " + path_);
-    writeAll(out.get(), buf.data(), n);
-    at += static_cast<off_t>(n);
-  }
+  copySpan(s, out.get());
   if (io_.fdatasync(out.get()) != 0 || out.close() != 0 || rename(tmp.c_str(), name.c_str()) != 0)
     throw LogError("cannot save the damaged part of the event log to " + name + ": " + errText());
   syncDirOf(name);
@@ -178,17 +183,11 @@ void EventLog::rewriteWithout(const std::vector<Span>& keep) {
   unlink(tmp.c_str());
   OslFd out(open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_APPEND, 0640));
   if (!out) throw LogError("cannot write the repaired event log " + tmp + ": " + errText());
-  std::vector<unsigned char> buf;
   off_t total = 0;
-  for (const Span& s : keep)
-    for (off_t at = s.begin; at < s.end;) {
-      std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - at, kScanChunk));
-      buf.resize(n);
-      if (!preadAll(fd_.get(), buf.data(), n, at)) throw LogError("cannot read the event log " + path_);
-      writeAll(out.get(), buf.data(), n);
-      at += static_cast<off_t>(n);
-      total += static_cast<off_t>(n);
-    }
+  for (const Span& s : keep) {
+    copySpan(s, out.get());
+    total += s.end - s.begin;
+  }
   if (io_.fdatasync(out.get()) != 0 || rename(tmp.c_str(), path_.c_str()) != 0)
     throw LogError("cannot replace the event log " + path_ + " by its repaired copy: " + errText());
   syncDirOf(path_);

@@ -83,6 +83,7 @@ class EventLog {
   void rewriteWithout(const std::vector<Span>& keep);
   void takeBack(off_t size);
   void writeAll(int fd, const unsigned char* p, std::size_t n);
+  void copySpan(const Span& s, int out);
 
   std::string path_;
   SyncPolicy policy_;

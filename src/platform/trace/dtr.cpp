@@ -230,6 +230,13 @@ void writeLine(const dtrcomp* comp, bool withDesc, const char* fmt, va_list ap) 
 
 dtrcomp s_allComponents;  // the token dtrallcomp gives; never registered
 
+// The component of a name cut to the eight characters the service keeps; table.mx is held.
+dtrcomp* findLocked(const ComponentTable& table, const char* shortName) {
+  for (dtrcomp* c : table.comps)
+    if (std::strcmp(c->name, shortName) == 0) return c;
+  return nullptr;
+}
+
 }  // namespace
 
 dtrcomp* dtrcompreg(const char* description, const char* name, std::size_t bufsize, ub4 tracelevel, ub4 loglevel,
@@ -239,8 +246,7 @@ dtrcomp* dtrcompreg(const char* description, const char* name, std::size_t bufsi
   std::snprintf(shortName, sizeof shortName, "%s", name);
   ComponentTable& table = components();
   std::lock_guard<std::mutex> lock(table.mx);
-  for (dtrcomp* c : table.comps)
-    if (std::strcmp(c->name, shortName) == 0) return nullptr;
+  if (findLocked(table, shortName) != nullptr) return nullptr;
   dtrcomp* c = new dtrcomp;
   std::memcpy(c->name, shortName, sizeof shortName);
   c->description = description != nullptr ? description : "";
@@ -259,9 +265,7 @@ dtrcomp* dtrgetcompid(const char* name) {
   std::snprintf(shortName, sizeof shortName, "%s", name);
   ComponentTable& table = components();
   std::lock_guard<std::mutex> lock(table.mx);
-  for (dtrcomp* c : table.comps)
-    if (std::strcmp(c->name, shortName) == 0) return c;
-  return nullptr;
+  return findLocked(table, shortName);
 }
 
 void dtrset_loglvl(dtrcomp* comp, ub4 level) {

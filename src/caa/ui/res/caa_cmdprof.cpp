@@ -283,10 +283,15 @@ caa_Status CmdProf::saveProfile(string_Map& paramMap, const CaaFile& profile, bo
   }
   // The writer checks the map once more as it writes it, mended and completed from the type.
   if (tried != nullptr) *tried = true;
+  return writeProfileFile(paramMap, profile.getName(), overwrite, false, caa_logger);
+}
+
+caa_Status writeProfileFile(string_Map& paramMap, const std::string& name, bool overwrite, bool isTemplate,
+                            CaaLogger* logger) {
   try {
-    Profile::createProfile(paramMap, profile.getName(), overwrite, false);
+    Profile::createProfile(paramMap, name, overwrite, isTemplate);
   } catch (const X_PROF_Exists&) {
-    caa_logger->log(LOG_STDERR, 162, profile.getName().c_str());
+    logger->log(LOG_STDERR, 162, name.c_str());
     return caa_WARNING;
   } catch (const X_PROF& e) {
     std::printf("%s\n", e.what().c_str());

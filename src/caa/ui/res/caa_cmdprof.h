@@ -145,6 +145,12 @@ class CmdProf : public Cmds {
   arg_List opt_list;
 };
 
+// Writes a profile, or a template, from a map already checked, and tells the user why it could
+// not: a file that may not be replaced (it exists, or appeared meanwhile) as 162, any other fault
+// as the model's own text on standard output.
+caa_Status writeProfileFile(string_Map& paramMap, const std::string& name, bool overwrite, bool isTemplate,
+                            CaaLogger* logger);
+
 }  // namespace CAA
 
 #endif

@@ -23,17 +23,7 @@ caa_Status writeTemplate(string_Map& paramMap, const CaaFile& outfile, CaaLogger
   std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
   ptu_removeStaleTemps(slash == std::string::npos ? "." : name.substr(0, slash + 1),
                        [&base](const std::string& b) { return b == base; });
-  try {
-    Profile::createProfile(paramMap, outfile.getName(), false, true);
-  } catch (const X_PROF_Exists&) {
-    logger->log(LOG_STDERR, 162, outfile.getName().c_str());
-    return caa_WARNING;
-  } catch (const X_PROF& e) {
-    std::printf("%s\n", e.what().c_str());
-    std::fflush(stdout);
-    return caa_WARNING;
-  }
-  return caa_SUCCESS;
+  return writeProfileFile(paramMap, outfile.getName(), false, true, logger);
 }
 
 }  // namespace
