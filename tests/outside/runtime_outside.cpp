@@ -2,6 +2,7 @@
 // using only the names those headers promise. Argument: a home directory with a log/ below it.
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -29,7 +30,7 @@ void* worker(void* arg) {
   std::ostringstream os;
   os << " worker ran";
   s_dbug.error(os, CLS_Debug::NONE, CLS_Debug::CLSlogModule::getModuleNone());
-  *static_cast<volatile int*>(arg) = 1;
+  static_cast<std::atomic<int>*>(arg)->store(1);
   return nullptr;
 }
 
@@ -71,10 +72,10 @@ int main(int argc, char** argv) {
   check(caavrgReadVRGKey("SYSTEM.vyn.user_default_dir", val, &size, nullptr) == 2, "no registry gives 2");
   check(caavrgGetDebugKey("vyn", "mod").find(".MOD") != std::string::npos, "debug key");
 
-  volatile int ran = 0;
-  check(CLSthreadMain::StartDetached(worker, const_cast<int*>(&ran), 0) == 0, "thread start");
-  for (int i = 0; i < 5000 && ran == 0; ++i) usleep(1000);
-  check(ran == 1, "the thread ran");
+  std::atomic<int> ran{0};
+  check(CLSthreadMain::StartDetached(worker, &ran, 0) == 0, "thread start");
+  for (int i = 0; i < 5000 && ran.load() == 0; ++i) usleep(1000);
+  check(ran.load() == 1, "the thread ran");
 
   if (g_failures != 0) return 1;
   CLSthreadMain::processExit(0, "outside program done");
