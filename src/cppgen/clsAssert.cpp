@@ -60,6 +60,9 @@ void clsAssert(bool condition, const zeltext* condString, const zeltext* filenam
   osl_exit_fast(0, 0);
 }
 
-void clsAbort() { std::abort(); }
+void clsAbort() {
+  osl_flush_coverage();
+  std::abort();
+}
 
 }  // namespace CLS_Debug

@@ -55,6 +55,7 @@ void* CLSthreadMain::cppStart(void* p) {
     say(CLS_Debug::dbError, CLS_Debug::PANIC, std::string(" ") + e.what());
     // An exception of ours that no one caught is a broken invariant of the thread's owner.
     assert(0);
+    osl_flush_coverage();
     std::abort();
   }
   delete info;

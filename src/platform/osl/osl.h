@@ -58,6 +58,9 @@ int osl_stdio_nullify(int ctx, osrec* e, int mask);
 int osl_path_is_rooted(osrec* e, int flags, const char* path, int* rooted);
 int osl_pid_get_self(oslctx* ctx, osrec* e, int flags, osl_pid_t* pid);
 int osl_pid_get_parent(oslctx* ctx, osrec* e, int flags, osl_pid_t* pid);
+// Writes the line counts of a coverage build now, before a process ends without exit();
+// does nothing in any other build.
+void osl_flush_coverage();
 [[noreturn]] void osl_exit_fast(int code, int flags);
 
 // The calling user (effective identity) and the user database.
