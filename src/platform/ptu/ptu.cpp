@@ -255,24 +255,31 @@ int ptu_copyFile(const std::string& source, const std::string& dest) {
   return writeBeside(dest, data, attrs, true) == 0 ? PTU_SUCC : PTU_ERR_NOROOM;
 }
 
-int ptu_removeStaleTemps(const std::string& dir, const std::function<bool(const std::string& base)>& ours) {
+void ptu_scanDir(const std::string& dir, const std::function<void(int dfd, const char* name)>& visit) {
   OslFd dfd(open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dfd) return 0;
+  if (!dfd) return;
   // The stream gets a descriptor of its own, so that dfd stays the one owner of dfd.
   DIR* d = fdopendir(dup(dfd.get()));
-  if (d == nullptr) return 0;
-  int removed = 0;
-  uid_t me = geteuid();
-  while (struct dirent* e = readdir(d)) {
-    pid_t pid = 0;
-    std::string base;
-    if (!tempOwner(e->d_name, &base, &pid) || pid == getpid() || !ours(base)) continue;
-    struct stat st;
-    if (fstatat(dfd.get(), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (!S_ISREG(st.st_mode) || st.st_uid != me) continue;
-    if (kill(pid, 0) == 0 || errno != ESRCH) continue;
-    if (unlinkat(dfd.get(), e->d_name, 0) == 0) ++removed;
-  }
+  if (d == nullptr) return;
+  while (struct dirent* e = readdir(d)) visit(dfd.get(), e->d_name);
   closedir(d);
+}
+
+bool ptu_removeStaleTemp(int dfd, const char* name, const std::function<bool(const std::string& base)>& ours) {
+  pid_t pid = 0;
+  std::string base;
+  if (!tempOwner(name, &base, &pid) || pid == getpid() || !ours(base)) return false;
+  struct stat st;
+  if (fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (!S_ISREG(st.st_mode) || st.st_uid != geteuid()) return false;
+  if (kill(pid, 0) == 0 || errno != ESRCH) return false;
+  return unlinkat(dfd, name, 0) == 0;
+}
+
+int ptu_removeStaleTemps(const std::string& dir, const std::function<bool(const std::string& base)>& ours) {
+  int removed = 0;
+  ptu_scanDir(dir, [&](int dfd, const char* name) {
+    if (ptu_removeStaleTemp(dfd, name, ours)) ++removed;
+  });
   return removed;
 }

@@ -55,5 +55,10 @@ std::string ptu_tempName(const std::string& path);
 // programs' files of that form), and only regular files owned by the caller; a symbolic link is
 // never followed. The number removed.
 int ptu_removeStaleTemps(const std::string& dir, const std::function<bool(const std::string& base)>& ours);
+// The same for one entry of a directory open as `dfd`: whether it was such a file and is gone.
+bool ptu_removeStaleTemp(int dfd, const char* name, const std::function<bool(const std::string& base)>& ours);
+// Calls `visit` with each name in `dir` (and the directory's descriptor), in one pass, so that
+// several sweeps of a large directory read it once. Nothing is followed or opened but `dir`.
+void ptu_scanDir(const std::string& dir, const std::function<void(int dfd, const char* name)>& visit);
 
 #endif

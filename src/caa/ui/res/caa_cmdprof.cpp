@@ -253,14 +253,17 @@ caa_Status CmdProf::checkValues(const string_Map& values) {
 std::unique_ptr<ProfileLock> CmdProf::lockProfile(const std::string& name) {
   // The working directory may be one that other programs use too: only what a profile or its
   // backup was being written as is taken away.
-  ptu_removeStaleTemps(dir_path, [](const std::string& base) {
+  // One pass over the directory serves both sweeps: it may hold many thousands of profiles.
+  auto profileOrBackup = [](const std::string& base) {
     auto endsWith = [&base](const std::string& ext) {
       std::string dotted = "." + ext;
       return base.size() > dotted.size() && base.compare(base.size() - dotted.size(), std::string::npos, dotted) == 0;
     };
     return endsWith(Path::PROFILE_EXT) || endsWith(Path::BACKUP_EXT);
+  };
+  ptu_scanDir(dir_path, [&profileOrBackup](int dfd, const char* entry) {
+    if (!ptu_removeStaleTemp(dfd, entry, profileOrBackup)) ProfileLock::removeStaleEntry(dfd, entry);
   });
-  ProfileLock::removeStale(dir_path);
   try {
     return std::unique_ptr<ProfileLock>(new ProfileLock(dir_path, name));
   } catch (const X_LOCK_Busy&) {

@@ -1,6 +1,5 @@
 #include "caa/ui/res/caa_proflock.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include <utility>
 
 #include "caa/lib/caa_Path.h"
+#include "platform/ptu/ptu.h"
 
 namespace CAA {
 
@@ -87,26 +87,23 @@ ProfileLock::~ProfileLock() {
 }
 
 int ProfileLock::removeStale(const std::string& dir) {
-  OslFd dfd(open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dfd) return 0;
-  DIR* d = fdopendir(dup(dfd.get()));
-  if (d == nullptr) return 0;
   int removed = 0;
-  while (struct dirent* e = readdir(d)) {
-    if (!isLockName(e->d_name)) continue;
-    struct stat st, now;
-    if (fstatat(dfd.get(), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-    if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) continue;
-    OslFd fd(openat(dfd.get(), e->d_name, OPEN_FLAGS));
-    if (!fd || fstat(fd.get(), &now) != 0 || !sameFile(st, now)) continue;
-    // Held by nobody: its holder is gone. Taking it first keeps the rule that only a holder removes.
-    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) continue;
-    if (fstatat(dfd.get(), e->d_name, &now, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(st, now) &&
-        unlinkat(dfd.get(), e->d_name, 0) == 0)
-      ++removed;
-  }
-  closedir(d);
+  ptu_scanDir(dir, [&removed](int dfd, const char* name) {
+    if (removeStaleEntry(dfd, name)) ++removed;
+  });
   return removed;
+}
+
+bool ProfileLock::removeStaleEntry(int dfd, const char* name) {
+  if (!isLockName(name)) return false;
+  struct stat st, now;
+  if (fstatat(dfd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return false;
+  if (!S_ISREG(st.st_mode) || st.st_uid != geteuid() || st.st_nlink != 1) return false;
+  OslFd fd(openat(dfd, name, OPEN_FLAGS));
+  if (!fd || fstat(fd.get(), &now) != 0 || !sameFile(st, now)) return false;
+  // Held by nobody: its holder is gone. Taking it first keeps the rule that only a holder removes.
+  if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return false;
+  return fstatat(dfd, name, &now, AT_SYMLINK_NOFOLLOW) == 0 && sameFile(st, now) && unlinkat(dfd, name, 0) == 0;
 }
 
 }  // namespace CAA

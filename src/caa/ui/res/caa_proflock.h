@@ -51,6 +51,8 @@ class ProfileLock {
   // Removes the lock files of dir that nobody holds: those of killed processes. Only regular
   // files owned by the caller. The number removed.
   static int removeStale(const std::string& dir);
+  // The same for one entry of a directory open as `dfd`: whether it was such a lock and is gone.
+  static bool removeStaleEntry(int dfd, const char* name);
 
  private:
   std::string path_;
