@@ -85,6 +85,38 @@ TEST_F(LoggerTest, EventRouteThatFailsSaysSoOnStandardError) {
   EXPECT_NE(io.second.find("Evm log has failed.\n"), std::string::npos);
 }
 
+// A reply of the cluster carries the command's status and, when it is 0, the data asked for.
+TEST(EventMgrTest, ReadsAReplysStatusAndDataAndKnowsItsName) {
+  EvmEvent_t ok = nullptr;
+  ASSERT_EQ(EvmEventCreateVa(&ok, EvmITEM_NAME, "sys.zel.clu.vyn.reply", EvmITEM_VAR_INT32, "CmdStatus", 0,
+                             EvmITEM_VAR_STRING, "_data", "hello", EvmITEM_NONE),
+            EvmERROR_NONE);
+  int code = -1;
+  EventMgr mgr("sys.zel.clu.vyn.reply", "_data", &code);
+  std::string data;
+  EXPECT_EQ(mgr.getEventData(ok, data), caa_SUCCESS);
+  EXPECT_EQ(data, "hello");
+  EXPECT_EQ(code, -1) << "a good status leaves the caller's code alone";
+  EXPECT_EQ(mgr.checkEventName(ok, "sys.zel.clu.vyn.reply"), 1);
+  EXPECT_EQ(mgr.checkEventName(ok, "sys.zel.clu.vyn.other"), 0);
+  EvmEventDestroy(ok);
+
+  EvmEvent_t failed = nullptr;
+  ASSERT_EQ(EvmEventCreateVa(&failed, EvmITEM_NAME, "sys.zel.clu.vyn.reply", EvmITEM_VAR_INT32, "CmdStatus", 7,
+                             EvmITEM_VAR_STRING, "_data", "unused", EvmITEM_NONE),
+            EvmERROR_NONE);
+  data.clear();
+  EXPECT_EQ(mgr.getEventData(failed, data), caa_WARNING);
+  EXPECT_EQ(code, 7);
+  EXPECT_EQ(data, "");
+  EvmEventDestroy(failed);
+
+  EvmEvent_t bare = nullptr;
+  ASSERT_EQ(EvmEventCreateVa(&bare, EvmITEM_NAME, "sys.zel.clu.vyn.reply", EvmITEM_NONE), EvmERROR_NONE);
+  EXPECT_EQ(mgr.getEventData(bare, data), caa_WARNING) << "a reply without a status is no answer";
+  EvmEventDestroy(bare);
+}
+
 TEST(ZelCoreCtxTest, LanguagesThatDifferInCaseShareAContextAndTheCacheIsBounded) {
   ZelCoreCtx::cleanup();
   ZelCoreCtx* core = ZelCoreCtx::getInstance();
