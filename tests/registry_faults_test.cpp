@@ -14,57 +14,17 @@
 #include <random>
 #include <string>
 
+#include "platform/registry/prvrg_test_util.h"
 #include "program_runner.h"
 
 namespace fs = std::filesystem;
 using vyntest::Outcome;
+using vyntest::StoreLocker;
 
 namespace {
 
 const double kBoundSeconds = 15.0;
 const char kProfile[] = "NAME=x\nTYPE=application\nDESCRIPTION=kept in the public directory\n";
-
-// Another process holding the store under an exclusive lock until release() or destruction.
-class StoreLocker {
- public:
-  explicit StoreLocker(const std::string& store) {
-    int ready[2], release[2];
-    if (pipe(ready) != 0 || pipe(release) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      close(ready[0]);
-      close(release[1]);
-      sqlite3* db = nullptr;
-      if (sqlite3_open_v2(store.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
-          sqlite3_exec(db, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) != SQLITE_OK)
-        _exit(1);
-      if (write(ready[1], "l", 1) != 1) _exit(2);
-      char c;
-      while (read(release[0], &c, 1) > 0) {
-      }
-      _exit(0);  // the lock goes with the process
-    }
-    close(ready[1]);
-    close(release[0]);
-    release_ = release[1];
-    char c = 0;
-    locked_ = read(ready[0], &c, 1) == 1;
-    close(ready[0]);
-  }
-  ~StoreLocker() {
-    close(release_);
-    waitpid(pid_, nullptr, 0);
-  }
-  StoreLocker(const StoreLocker&) = delete;
-  StoreLocker& operator=(const StoreLocker&) = delete;
-
-  bool locked() const { return locked_; }
-
- private:
-  pid_t pid_ = -1;
-  int release_ = -1;
-  bool locked_ = false;
-};
 
 class RegistryFaults : public ::testing::Test {
  protected:
