@@ -78,8 +78,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "init-system-helpers (>= 1.52)")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "bash-completion")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "resource profiles and event daemon for cluster administrators")
-set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION_SUMMARY}
- vyn_profile creates, prints, validates, updates and deletes the resource
+# The long description; CPack puts the summary in front of it.
+set(CPACK_DEBIAN_PACKAGE_DESCRIPTION "vyn_profile creates, prints, validates, updates and deletes the resource
 profiles of a cluster's resource manager, from type definitions read at run
 time. vyn_evmd is the cluster's event daemon, which records every deletion
 and update as an event; vyn_vrg reads and changes the settings registry.")
@@ -90,5 +90,4 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
 set(CPACK_STRIP_FILES TRUE)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_CMAKE_PROJECTS "${CMAKE_BINARY_DIR};vyn;programs;/;${CMAKE_BINARY_DIR};vyn;deb;/")
-set(CPACK_OUTPUT_FILE_PREFIX ${CMAKE_BINARY_DIR}/package)
 include(CPack)
