@@ -30,6 +30,7 @@ stop_daemon() {
   fi
 }
 trap 'stop_daemon; rm -rf "$work"' EXIT
+trap 'exit 1' INT TERM # a timeout's signal still stops the daemon and cleans up
 
 failures=0
 fail() {
