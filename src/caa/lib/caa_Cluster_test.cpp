@@ -53,6 +53,8 @@ std::string g_dir;
 class ClusterTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // A child runs the test anew from the start, so that it has no client of the parent's.
+    savedStyle_ = ::testing::FLAGS_gtest_death_test_style;
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     char tmpl[] = "/tmp/cluster_test.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -71,8 +73,10 @@ class ClusterTest : public ::testing::Test {
     set("SYSTEM.gmx.node.3", "gamma.example.com");
   }
   void TearDown() override {
+    ::testing::FLAGS_gtest_death_test_style = savedStyle_;
     prvrg_terminate(reg_);
     for (const char* v : {"VYN_REGISTRY", "VYN_NODE_NAME", "GMX_CLUSTERNAME", "ZEL_VYN_HOME"}) unsetenv(v);
+    dtrreset();  // the trace file of this test's home is not the next test's
     fs::remove_all(dir_);
   }
 
@@ -84,6 +88,7 @@ class ClusterTest : public ::testing::Test {
   void up(int node) { set("SYSTEM.gmx.group.c_NG." + std::to_string(node), std::to_string(gmx::wallClockMs()) + " 60000 1"); }
 
   std::string dir_;
+  std::string savedStyle_;
   prvrg_ctx* reg_ = nullptr;
 };
 

@@ -41,6 +41,8 @@ std::string g_dir;
 class CluinfoTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // A child runs the test anew from the start, so that it has no client of the parent's.
+    savedStyle_ = ::testing::FLAGS_gtest_death_test_style;
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     char tmpl[] = "/tmp/cluinfo_test.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -65,11 +67,13 @@ class CluinfoTest : public ::testing::Test {
     prvrg_terminate(reg);
   }
   void TearDown() override {
+    ::testing::FLAGS_gtest_death_test_style = savedStyle_;
     for (const char* v : {"VYN_REGISTRY", "VYN_NODE_NAME", "GMX_CLUSTERNAME", "ZEL_VYN_HOME"}) unsetenv(v);
     fs::remove_all(dir_);
   }
 
   std::string dir_;
+  std::string savedStyle_;
 };
 
 TEST_F(CluinfoTest, BeforeTheContextIsMadeEveryRequestFails) {
@@ -153,11 +157,15 @@ TEST_F(CluinfoTest, TraceLinesGoToTheirComponentWhileTracingIsOn) {
       ::testing::ExitedWithCode(0), "");
 }
 
+// In a child as well: the home, once looked up, stays with the process.
 TEST_F(CluinfoTest, TheOwnTraceFileIsAppendedToPerNode) {
-  EXPECT_EQ(evmcls_iprintf("abc", 3), 3);
-  EXPECT_EQ(evmcls_iprintf("de\n", 3), 3);
-  EXPECT_EQ(slurp(dir_ + "/log/evm_clss_beta.trc"), "abcde\n");
-  EXPECT_EQ(evmcls_iprintf("", 0), 0);
+  EXPECT_EXIT(finish([this]() -> int {
+        if (evmcls_iprintf("abc", 3) != 3 || evmcls_iprintf("de\n", 3) != 3) return 1;
+        if (slurp(dir_ + "/log/evm_clss_beta.trc") != "abcde\n") return 2;
+        if (evmcls_iprintf("", 0) != 0) return 3;
+        return 0;
+      }()),
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(CluinfoTest, TheOwnTraceFileNeedsAHome) {
