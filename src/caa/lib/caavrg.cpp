@@ -9,6 +9,7 @@
 #include <sstream>
 #include <vector>
 
+#include "caa/lib/caa_Cluster.h"
 #include "cppgen/clsAssert.h"
 #include "cppgen/clsLog.h"
 #include "cppgen/clsThreadMain.h"
@@ -354,7 +355,9 @@ std::string fromKeyPart(const std::string& part) {
   return s;
 }
 
-std::string stageKey() { return std::string(CAARESSTAGE) + "1"; }
+std::string stageKey() {
+  return std::string(CAARESSTAGE) + CAA::Cluster::getMemberId(CAA::Cluster::getLocalhost());
+}
 
 std::string locationKey(caavrgResourceLoc loc) {
   if (loc == HISTORY) return CAARESHIS;

@@ -284,6 +284,31 @@ TEST_F(CaavrgTest, TheNameTranslationReplacesEveryOccurrence) {
   EXPECT_EQ(walk(CURRENT), (std::vector<std::string>{"x.y/0"}));
 }
 
+TEST_F(CaavrgTest, AStagedResourceMovesWholeIntoTheCurrentCopy) {
+  makeResourceStore();
+  makeStore({{"SYSTEM.gmx.node.1", "elsewhere"}, {"SYSTEM.gmx.node.3", "thisnode"}});
+  setenv("VYN_NODE_NAME", "thisnode", 1);
+  EXPECT_EQ(caavrgCommitResource("app.1", nullptr), 4) << "nothing staged";
+  EXPECT_EQ(caavrgAddResource("app.1", STAGE, nullptr), 0);
+  EXPECT_EQ(caavrgSetvalue("app.1", "IS_UNREGISTERING", "0", STAGE, nullptr), 0);
+  EXPECT_EQ(stored("VYN.STAGE.node3.app!1.IS_UNREGISTERING"), "0");
+  EXPECT_TRUE(walk(CURRENT).empty());
+  EXPECT_EQ(caavrgCommitResource("app.1", nullptr), 0);
+  EXPECT_EQ(stored("VYN.CUR.app!1.IS_UNREGISTERING"), "0");
+  EXPECT_EQ(caavrgCheckKey("VYN.STAGE.node3.app!1"), 4);
+  EXPECT_EQ(walk(CURRENT), (std::vector<std::string>{"app.1/0"}));
+
+  // A second staging of a current resource does not replace it on commit.
+  EXPECT_EQ(caavrgSetvalue("app.1", "IS_UNREGISTERING", "1", STAGE, nullptr), 0);
+  EXPECT_NE(caavrgCommitResource("app.1", nullptr), 0);
+  EXPECT_EQ(stored("VYN.CUR.app!1.IS_UNREGISTERING"), "0");
+  EXPECT_EQ(caavrgRemove("app.1", CAARESSTAGE, nullptr), 0);
+  EXPECT_EQ(caavrgCheckKey("VYN.STAGE.node3.app!1"), 4);
+  unsetenv("VYN_NODE_NAME");
+  std::string t = trace();
+  EXPECT_NE(t.find("VYNVRG: Commit Resource done.app.1\n"), std::string::npos) << t;
+}
+
 TEST_F(CaavrgTest, LookupAndRemoveWorkOnTheirSubtreesOnly) {
   makeResourceStore();
   addComplete("web.1");
