@@ -365,6 +365,20 @@ std::string locationKey(caavrgResourceLoc loc) {
   return CAARESCUR;
 }
 
+// Opens the key of a location. A node's staging key is made on its first use, owned as the
+// root of the store is.
+int openLocation(prvrg_ctx* ctx, caavrgResourceLoc loc, const std::string& where, OpenKey& key) {
+  int rc = prvrg_open_key(ctx, key.out(), where.c_str());
+  if (rc != PRVRG_ERR_NO_KEY || loc != STAGE) return rc;
+  OpenKey root(ctx);
+  rc = prvrg_open_key(ctx, root.out(), CAARESROOT);
+  if (rc != 0) return rc;
+  prvrg_security sec{};
+  caavrgSetSecurity(ctx, root.get(), sec);
+  int created = 0;
+  return prvrg_create_key(ctx, nullptr, where.c_str(), key.out(), &created, sec);
+}
+
 // A text value of at most CAAVRG_VALUE_SIZE bytes, terminator included.
 int readText(prvrg_ctx* ctx, prvrg_key* key, std::string& val, std::size_t* size) {
   std::vector<char> buf(CAAVRG_VALUE_SIZE);
@@ -469,7 +483,7 @@ int caavrgAddResource(const std::string& resname, caavrgResourceLoc loc, prvrg_c
   prvrg_ctx* ctx = handle(pCtx);
   const std::string where = locationKey(loc);
   OpenKey location(ctx);
-  int rc = prvrg_open_key(ctx, location.out(), where.c_str());
+  int rc = openLocation(ctx, loc, where, location);
   if (rc != 0) {
     report(ctx, "prvrg_open_key", where, rc);
     endOn(rc, __LINE__, "Failed to open key: " + where);
@@ -552,7 +566,7 @@ int caavrgSetvalue(const std::string& resname, const std::string& attr, const st
   prvrg_ctx* ctx = handle(pCtx);
   const std::string where = locationKey(loc);
   OpenKey location(ctx);
-  int rc = prvrg_open_key(ctx, location.out(), where.c_str());
+  int rc = openLocation(ctx, loc, where, location);
   if (rc != 0) {
     report(ctx, "prvrg_open_key", where, rc);
     endOn(rc, __LINE__, "Unable to open root key: " + where);

@@ -91,7 +91,7 @@ extern const char* const USRZELDEBUG;  // "USR_ZEL_DEBUG": the attribute holding
 extern const char* const CAARESUNREG;  // "IS_UNREGISTERING"
 
 // Where an operation works. STAGE is the staging key of the local node, whose member id comes from
-// CAA::Cluster (and may throw what it throws).
+// CAA::Cluster (and may throw what it throws); a write makes that key when the node has none yet.
 enum caavrgResourceLoc { CURRENT = 0, HISTORY = 1, STAGE = 2 };
 
 // Values are read into buffers of this size, terminator included.
