@@ -35,7 +35,7 @@ class DirectUpdate : public ::testing::Test {
   }
 
   // Runs the direct update with the command line `args`; the status is the operation's result.
-  Outcome directUpdate(const std::vector<std::string>& args) {
+  Outcome directUpdate(const std::vector<std::string>& args, int uid = -1) {
     const std::string out = root_ + "/du.out", err = root_ + "/du.err";
     std::vector<std::string> words = {"vyn_profile"};
     words.insert(words.end(), args.begin(), args.end());
@@ -48,6 +48,7 @@ class DirectUpdate : public ::testing::Test {
       setenv("ZEL_VYN_HOME", home_.home().c_str(), 1);
       setenv("VYN_REGISTRY", store_.c_str(), 1);
       setenv("LANG", "C", 1);
+      if (uid >= 0 && setuid(static_cast<uid_t>(uid)) != 0) _exit(97);
       dtrSetProgram("vyn_profile");
       CAA::CaaLogger logger(CAA::LOG_STDERR, CAA::EVENT_LOG_UI);
       CAA::CmdProf prof(&logger);
@@ -118,6 +119,16 @@ TEST_F(DirectUpdate, RefusalsChangeNothing) {
   EXPECT_EQ(r.status, CAA::caa_FAILURE) << "only -update leads to a direct update";
   EXPECT_EQ(r.out, "");
 
+  EXPECT_EQ(vrg({"dump"}).out, before);
+}
+
+TEST_F(DirectUpdate, AUserWhoMayNotWriteTheStoreChangesNothing) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to run as another user";
+  registerResource("web");
+  const std::string before = vrg({"dump"}).out;
+  Outcome r = directUpdate({"-update", "web", "-o", "ci=30"}, 65534);
+  EXPECT_EQ(r.status, CAA::caa_FAILURE);
+  EXPECT_EQ(r.out, "\nResource web cannot be changed: the resource store may not be written by this user.\n");
   EXPECT_EQ(vrg({"dump"}).out, before);
 }
 
