@@ -141,14 +141,14 @@ int dumpBelow(prvrg_ctx* ctx, prvrg_key* key, const std::string& name, const std
       sub.resize(len);
       continue;
     }
-    if (rc == PRVRG_ERR_NO_MORE) return 0;
+    // Another process may delete a key while it is shown: what is gone is no longer there.
+    if (rc == PRVRG_ERR_NO_MORE || rc == PRVRG_ERR_NO_KEY) return 0;
     if (rc != PRVRG_SUCC) return failed(ctx, rc, "dump", name.c_str());
     std::string part = sub.data();
     std::string full = name.empty() ? part : name + "." + part;
     if (resources) caavrgResTrans(part, CAARESEXC, CAARESSP);
     prvrg_key* child = nullptr;
     rc = prvrg_open_key(ctx, &child, full.c_str());
-    // A key removed since it was listed is simply no longer there.
     if (rc == PRVRG_ERR_NO_KEY) continue;
     if (rc != PRVRG_SUCC) return failed(ctx, rc, "open", full.c_str());
     printLine(indent, part, ctx, child);
