@@ -429,6 +429,22 @@ int subKeyValues(prvrg_ctx* ctx, const std::string& key, std::map<std::string, s
   }
 }
 
+// The last step of caavrgSetvalue: sets the open attribute key and closes what is open.
+int setAttribute(prvrg_ctx* ctx, OpenKey& attrKey, OpenKey* location, const std::string& key, const std::string& val) {
+  int rc = prvrg_set_value(ctx, attrKey.get(), prvrg_dtype_ZELTEXT, val.c_str(), val.size() + 1);
+  if (rc != 0) report(ctx, "prvrg_set_value", key, rc);
+  attrKey.close();
+  if (location != nullptr) location->close();
+  if (rc == 0) {
+    std::ostringstream os;
+    os << "Successfully set key: " << key << " value: " << val;
+    dbug().trace(os, 0, CLS_Debug::NONE, CLS_Debug::CLSlogModule::getModuleNone());
+    return 0;
+  }
+  if (rc == PRVRG_ERR_NO_KEY) return rc;
+  endOn(rc, __LINE__, "Failed to set key: " + key + " value: " + val);
+}
+
 }  // namespace
 
 void caavrgResTrans(std::string& str, const char* src, const char* dest) {
@@ -565,17 +581,21 @@ int caavrgSetvalue(const std::string& resname, const std::string& attr, const st
                    caavrgResourceLoc loc, prvrg_ctx* pCtx) {
   prvrg_ctx* ctx = handle(pCtx);
   const std::string where = locationKey(loc);
+  const std::string relative = toKeyPart(resname) + "." + attr;
+  const std::string key = where + "." + relative;
+  OpenKey attrKey(ctx);
+  // Most writes change an attribute that exists: its key is set at once, keeping its security,
+  // as a create of an existing key would.
+  int rc = prvrg_open_key(ctx, attrKey.out(), key.c_str());
+  if (rc == 0) return setAttribute(ctx, attrKey, nullptr, key, val);
   OpenKey location(ctx);
-  int rc = openLocation(ctx, loc, where, location);
+  rc = openLocation(ctx, loc, where, location);
   if (rc != 0) {
     report(ctx, "prvrg_open_key", where, rc);
     endOn(rc, __LINE__, "Unable to open root key: " + where);
   }
   prvrg_security sec{};
   caavrgSetSecurity(ctx, location.get(), sec);
-  const std::string relative = toKeyPart(resname) + "." + attr;
-  const std::string key = where + "." + relative;
-  OpenKey attrKey(ctx);
   int created = 0;
   rc = prvrg_create_key(ctx, location.get(), relative.c_str(), attrKey.out(), &created, sec);
   if (rc != 0) {
@@ -583,18 +603,7 @@ int caavrgSetvalue(const std::string& resname, const std::string& attr, const st
     location.close();
     endOn(rc, __LINE__, "Failed to create key: " + key);
   }
-  rc = prvrg_set_value(ctx, attrKey.get(), prvrg_dtype_ZELTEXT, val.c_str(), val.size() + 1);
-  if (rc != 0) report(ctx, "prvrg_set_value", key, rc);
-  attrKey.close();
-  location.close();
-  if (rc == 0) {
-    std::ostringstream os;
-    os << "Successfully set key: " << key << " value: " << val;
-    dbug().trace(os, 0, CLS_Debug::NONE, CLS_Debug::CLSlogModule::getModuleNone());
-    return 0;
-  }
-  if (rc == PRVRG_ERR_NO_KEY) return rc;
-  endOn(rc, __LINE__, "Failed to set key: " + key + " value: " + val);
+  return setAttribute(ctx, attrKey, &location, key, val);
 }
 
 int caavrgGetvalue(const std::string& resname, const std::string& attr, std::string& val, caavrgResourceLoc loc,
