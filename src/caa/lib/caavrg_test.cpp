@@ -436,6 +436,13 @@ TEST_F(CaavrgTest, AStoreThatFailsAWriteEndsTheDaemonButNotALookup) {
   EXPECT_EQ(o.status, 1);
   EXPECT_NE(o.trace.find("Failed to create key: VYN.CUR.r.STATE(File: caavrg.cpp"), std::string::npos) << o.trace;
   o = runInChild([] {
+    caavrginitctx(7, nullptr);
+    caavrgSetvalue("r", "NAME", "renamed", CURRENT, nullptr);
+  });
+  EXPECT_EQ(o.status, 1);
+  EXPECT_NE(o.trace.find("Failed to set key: VYN.CUR.r.NAME value: renamed(File: caavrg.cpp"), std::string::npos)
+      << o.trace;
+  o = runInChild([] {
     caavrginitctx(3, nullptr);
     prvrg_key* hdl = nullptr;
     std::string name;
