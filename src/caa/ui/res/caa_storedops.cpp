@@ -10,6 +10,7 @@
 #include "caa/logger/caa_logger.h"
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
+#include "caa/ui/res/caa_proflist.h"
 #include "caa/ui/res/caa_proflock.h"
 #include "platform/osl/osl.h"
 #include "platform/ptu/ptu.h"
@@ -18,6 +19,9 @@ namespace CAA {
 
 namespace {
 
+
+// The size at which the text of a print of all profiles is written out.
+const std::size_t STREAM_CHUNK = 64 * 1024;
 
 void listFailure(const osrec& ose) {
   std::printf("CmdProf::listProfile \n  %s", osrecFormat(ose).c_str());
@@ -109,20 +113,21 @@ caa_Status CmdProf::listProfile() {
     caa_logger->append(error_str);
     caa_logger->append();
   } else {
-    oslctx* ctx = osl_process_ctx();
+    // The text goes out as it grows, so that memory stays flat however many profiles there
+    // are; only in quiet mode, where the whole text is one event, is it gathered first.
+    const std::size_t flush_at = quiet_mode ? std::string::npos : STREAM_CHUNK;
+    ProfileList list(dir_path, Path::PROFILE_EXT);
     osrec ose;
-    osl_filelist_t* list = nullptr;
-    if (osl_filelist_open(ctx, &ose, 0, dir_path.c_str(), "", Path::PROFILE_EXT, &list) != 0) {
+    if (list.open(&ose) != 0) {
       listFailure(ose);
       return caa_FAILURE;
     }
     std::string filename;
     for (;;) {
-      int rc = osl_filelist_getentry(ctx, &ose, 0, &filename, list);
+      int rc = list.next(&ose, &filename);
       if (rc == OSL_FILELIST_END) break;
       if (rc != 0) {
         listFailure(ose);
-        osl_filelist_close(ctx, &ose, 0, list);
         return caa_FAILURE;
       }
       char fname[Path::buf_len], path[Path::buf_len], ext[Path::buf_len], ver[Path::buf_len];
@@ -142,8 +147,11 @@ caa_Status CmdProf::listProfile() {
       caa_logger->append(s_rtn_data);
       caa_logger->append();
       s_rtn_data.clear();
+      if (caa_logger->getText().size() >= flush_at) {
+        display();
+        caa_logger->set();
+      }
     }
-    if (osl_filelist_close(ctx, &ose, 0, list) != 0) listFailure(ose);
   }
   display();
   return ret;
