@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "caa/profiler/caa_Attribute.h"
 #include "caa/ui/api/caa_cmdparse.h"
 #include "caa/ui/api/caa_cmds.h"
 
@@ -85,7 +86,11 @@ class CmdProf : public Cmds {
   // definition. initParams reads the definition, refuses one switch on two attributes, and
   // hands the switches to uploadArgList, which appends plain options to arg_list (closed by a
   // caaTrash) and the sub-options of "-o" to opt_list.
+  // The definition it reads is kept for the rest of the run (typeDefinition).
   caa_Status initParams(const std::string& type);
+  // The definition of `type` as initParams read it, or null when it read no such type: the
+  // validation and the writing of a profile take it from here instead of reading it again.
+  const AttrMap* typeDefinition(const std::string& type) const;
   // The second scan of a create or an update: the options of the type join the group just
   // built, the line is read again, "-o" is taken apart, and the group is judged, reporting
   // every token that nothing took.
@@ -143,13 +148,17 @@ class CmdProf : public Cmds {
   std::string scr_dir_path;
   string_List resource_list;
   arg_List opt_list;
+  std::string tdf_type;  // the type whose definition tdf_attrs holds, if tdf_read
+  AttrMap tdf_attrs;
+  bool tdf_read = false;
 };
 
 // Writes a profile, or a template, from a map already checked, and tells the user why it could
 // not: a file that may not be replaced (it exists, or appeared meanwhile) as 162, any other fault
 // as the model's own text on standard output.
+// amap: the definition of the map's type, read already, or null.
 caa_Status writeProfileFile(string_Map& paramMap, const std::string& name, bool overwrite, bool isTemplate,
-                            CaaLogger* logger);
+                            CaaLogger* logger, const AttrMap* amap = nullptr);
 
 }  // namespace CAA
 
