@@ -102,8 +102,9 @@ class CmdProf : public Cmds {
   // Within the value of sub-option tag, replaces oldChar by newChar, so that the commas of a
   // value survive the split of the "-o" text at commas.
   static void replaceChar(char* s, const char* tag, const char oldChar, const char newChar);
-  // Appends the profile rname of the working directory to s_rtn_data, line by line.
-  caa_Status getProfileContent(const char* rname, std::string& s_rtn_data);
+  // Appends the profile rname of the working directory to s_rtn_data, line by line. dfd: the
+  // working directory open, or -1.
+  caa_Status getProfileContent(const char* rname, std::string& s_rtn_data, int dfd = -1);
   // The profile a create is to write: refused if it exists, unless "-f", which renews its backup.
   caa_Status prepareNewProfile(const std::string& namestr, CaaFile& profile);
   // Every operation asks this first, before it touches a file: a resource name must name a file

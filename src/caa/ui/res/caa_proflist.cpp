@@ -25,6 +25,17 @@ int fail(osrec* e, const char* op, int err, const std::string& dir) {
   return OSL_ERR_FAIL;
 }
 
+// The sign of (x + suffix) against suffix alone, for a non-empty x.
+int againstSuffix(const char* x, const std::string& suffix) {
+  std::size_t len = std::strlen(x);
+  for (std::size_t i = 0; i < suffix.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(i < len ? x[i] : suffix[i - len]);
+    unsigned char d = static_cast<unsigned char>(suffix[i]);
+    if (c != d) return c < d ? -1 : 1;
+  }
+  return 1;  // suffix is a proper beginning of x + suffix
+}
+
 struct DirCloser {
   void operator()(DIR* d) const { closedir(d); }
 };
@@ -37,13 +48,24 @@ ProfileList::ProfileList(const std::string& dir, const std::string& ext, std::si
       // Room for two of the longest names at least, so that a pass always keeps one.
       budget_(std::max(pass_bytes, 2 * NAME_ROOM)) {}
 
+bool ProfileList::before(const char* a, const char* b) const {
+  while (*a != '\0' && *a == *b) {
+    ++a;
+    ++b;
+  }
+  if (*a != '\0' && *b != '\0') return static_cast<unsigned char>(*a) < static_cast<unsigned char>(*b);
+  if (*a == '\0' && *b == '\0') return false;
+  // One name is a beginning of the other: what follows it is the suffix.
+  return *a == '\0' ? againstSuffix(b, suffix_) > 0 : againstSuffix(a, suffix_) < 0;
+}
+
 bool ProfileList::matches(const char* name, std::size_t len) const {
   if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) return false;
   return len >= suffix_.size() && std::memcmp(name + len - suffix_.size(), suffix_.data(), suffix_.size()) == 0;
 }
 
 void ProfileList::drop(std::size_t need) {
-  auto byName = [this](std::uint32_t a, std::uint32_t b) { return std::strcmp(at(a), at(b)) < 0; };
+  auto byName = [this](std::uint32_t a, std::uint32_t b) { return before(at(a), at(b)); };
   std::sort(order_.begin(), order_.end(), byName);
   std::size_t keep = order_.size() / 2;
   auto keptBytes = [this](std::size_t k) {
@@ -54,6 +76,7 @@ void ProfileList::drop(std::size_t need) {
   while (keep > 1 && keptBytes(keep) + need > budget_) keep /= 2;
   if (keep == 0) keep = 1;
   bound_.assign(at(order_[keep]));
+  bound_ += suffix_;
   more_ = true;
   // The kept names move down in the order they lie in, each to the end of the one before.
   order_.resize(keep);
@@ -77,7 +100,7 @@ int ProfileList::readPass(osrec* e) {
   bound_.clear();
   // Reserved, not touched: the pages are used only as far as the names go.
   names_.reserve(budget_);
-  order_.reserve(budget_ / (suffix_.size() + 1) + 1);
+  order_.reserve(budget_);  // one name (an empty stem) per byte at the most
   std::unique_ptr<DIR, DirCloser> d(opendir(dir_.c_str()));
   if (!d) return fail(e, "opendir", errno, dir_);
   errno = 0;
@@ -89,20 +112,22 @@ int ProfileList::readPass(osrec* e) {
       errno = 0;
       continue;
     }
-    if (names_.size() + len + 1 > budget_) {
-      drop(len + 1);
+    // Held without the suffix that every one of them has.
+    std::size_t stem = len - suffix_.size();
+    if (names_.size() + stem + 1 > budget_) {
+      drop(stem + 1);
       if (std::strcmp(name, bound_.c_str()) >= 0) {
         errno = 0;
         continue;
       }
     }
     order_.push_back(static_cast<std::uint32_t>(names_.size()));
-    names_.insert(names_.end(), name, name + len + 1);
+    names_.insert(names_.end(), name, name + stem);
+    names_.push_back('\0');
     errno = 0;
   }
   if (errno != 0) return fail(e, "readdir", errno, dir_);
-  std::sort(order_.begin(), order_.end(),
-            [this](std::uint32_t a, std::uint32_t b) { return std::strcmp(at(a), at(b)) < 0; });
+  std::sort(order_.begin(), order_.end(), [this](std::uint32_t a, std::uint32_t b) { return before(at(a), at(b)); });
   return OSL_SUCC;
 }
 
@@ -115,6 +140,7 @@ int ProfileList::next(osrec* e, std::string* name) {
     if (rc != OSL_SUCC) return rc;
   }
   name->assign(at(order_[next_++]));
+  *name += suffix_;
   last_ = *name;
   started_ = true;
   return OSL_SUCC;

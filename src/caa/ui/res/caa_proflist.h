@@ -20,7 +20,7 @@ namespace CAA {
 
 class ProfileList {
  public:
-  // The bytes of names (each with its terminator) that one pass may hold.
+  // The bytes of names (each without the suffix, with a terminator) that one pass may hold.
   static const std::size_t PASS_BYTES = 1024 * 1024;
 
   // Names "<anything>.<ext>" in dir; pass_bytes below the longest possible name is raised to it.
@@ -37,6 +37,8 @@ class ProfileList {
   // Collects the smallest names above last_ (all, the first time) that fit the budget, sorted.
   int readPass(osrec* e);
   bool matches(const char* name, std::size_t len) const;
+  // The byte order of two names held, each without the suffix.
+  bool before(const char* a, const char* b) const;
   // Keeps the smaller part of the names held, so that `need` more bytes fit; the names at and
   // above the first one dropped are left to a later pass.
   void drop(std::size_t need);
@@ -45,7 +47,7 @@ class ProfileList {
   std::string dir_;
   std::string suffix_;
   std::size_t budget_;
-  std::vector<char> names_;          // the names of this pass, each ending in a NUL
+  std::vector<char> names_;           // the names of this pass without the suffix, each ending in a NUL
   std::vector<std::uint32_t> order_;  // their offsets in names_, in byte order once sorted
   std::size_t next_ = 0;
   std::string last_;   // the last name given

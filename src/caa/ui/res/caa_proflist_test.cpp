@@ -41,11 +41,14 @@ class ProfileListTest : public ::testing::Test {
 };
 
 TEST_F(ProfileListTest, GivesTheProfilesInByteOrderAndNothingElse) {
-  for (const char* n : {"b.cap", "a.cap", "B.cap", "a.b.cap", "\xe9.cap", "a.bak", "cap", "x.capx", ".cap"}) touch(n);
+  // The names are held without their common ending, yet ordered as whole names: "a-" goes
+  // before "a", and "a~" after it.
+  for (const char* n : {"b.cap", "a.cap", "a~.cap", "B.cap", "a-.cap", "a.b.cap", "\xe9.cap", "a.bak", "cap", "x.capx", ".cap"})
+    touch(n);
   std::filesystem::create_directory(dir_ + "/sub");
   int passes = 0;
   EXPECT_EQ(walk(ProfileList::PASS_BYTES, &passes),
-            (std::vector<std::string>{".cap", "B.cap", "a.b.cap", "a.cap", "b.cap", "\xe9.cap"}));
+            (std::vector<std::string>{".cap", "B.cap", "a-.cap", "a.b.cap", "a.cap", "a~.cap", "b.cap", "\xe9.cap"}));
   EXPECT_EQ(passes, 1);
 }
 
@@ -54,7 +57,7 @@ TEST_F(ProfileListTest, ASmallBudgetReadsInPassesAndMissesNoName) {
   // Names of very different lengths, made in an order unlike their sorted one.
   for (int i = 0; i < 400; ++i) {
     int k = (i * 7919) % 400;
-    std::string name = "r" + std::to_string(k) + std::string(static_cast<std::size_t>(k % 97), 'x') + ".cap";
+    std::string name = "r" + std::to_string(k) + std::string(static_cast<std::size_t>(k % 97), "x-~"[k % 3]) + ".cap";
     touch(name);
     want.push_back(name);
   }
@@ -64,6 +67,8 @@ TEST_F(ProfileListTest, ASmallBudgetReadsInPassesAndMissesNoName) {
   EXPECT_GT(passes, 10);
   EXPECT_EQ(walk(4096, &passes), want);
   EXPECT_GT(passes, 1);
+  EXPECT_EQ(walk(ProfileList::PASS_BYTES, &passes), want);
+  EXPECT_EQ(passes, 1);
 }
 
 TEST_F(ProfileListTest, AnEmptyDirectoryEndsAtOnceAndAMissingOneFails) {
