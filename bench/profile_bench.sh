@@ -40,21 +40,24 @@ cp "$work/seed.cap" "$work/c/bench.cap"
 sed 's/^NAME=seed$/NAME=bench/' "$work/seed.cap" >"$work/bench.text"
 
 # The wall-clock time of one run of a command, in microseconds, without forking a clock.
+# Every time below is the median of its runs.
 usecs() {
   local s=$EPOCHREALTIME
   "$@" >/dev/null 2>&1 || true
   local e=$EPOCHREALTIME
   echo $(( (${e/./} - ${s/./}) ))
 }
-# The best of N runs of each of two commands (functions), alternated so that both meet the same
-# load; printed as "A B".
+# The median of N runs of each of two commands (functions), alternated so that both meet the
+# same load; printed as "A B". A median, not the best run: a sync's time varies by a factor of ten
+# with what else the disk does, and the best run of each side is then a matter of luck.
+median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 pair() {
   local n=$1 a=() b=() i
   for ((i = 0; i < n; i++)); do
     a+=("$(usecs "$2")")
     b+=("$(usecs "$3")")
   done
-  echo "$(printf '%s\n' "${a[@]}" | sort -n | head -1) $(printf '%s\n' "${b[@]}" | sort -n | head -1)"
+  echo "$(printf '%s\n' "${a[@]}" | median) $(printf '%s\n' "${b[@]}" | median)"
 }
 # Peak resident memory of a command, in KiB.
 peak() { /usr/bin/time -f %M "$@" 2>&1 >/dev/null | tail -1; }
@@ -72,7 +75,7 @@ read -r t_print t_cat <<<"$(pair "$runs" print_all cat_all)"
 rss_100k=$(peak "$bin" -print -dir "$work/p100k")
 rss_1k=$(peak "$bin" -print -dir "$work/p1k")
 # A create is short and its syncs vary with the disk's load: more runs.
-read -r t_create t_base <<<"$(pair $((runs * 8)) create_force create_floor)"
+read -r t_create t_base <<<"$(pair $((runs * 12)) create_force create_floor)"
 read -r t_validate t_true <<<"$(pair "$runs" validate_one /bin/true)"
 read -r t_update t_update_solo <<<"$(pair "$runs" update_among update_alone)"
 
