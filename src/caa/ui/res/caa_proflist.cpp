@@ -100,7 +100,8 @@ int ProfileList::readPass(osrec* e) {
   bound_.clear();
   // Reserved, not touched: the pages are used only as far as the names go.
   names_.reserve(budget_);
-  order_.reserve(budget_);  // one name (an empty stem) per byte at the most
+  // Distinct stems with their terminators: one of one byte, the rest of two bytes and more.
+  order_.reserve(budget_ / 2 + 1);
   std::unique_ptr<DIR, DirCloser> d(opendir(dir_.c_str()));
   if (!d) return fail(e, "opendir", errno, dir_);
   errno = 0;
