@@ -115,6 +115,31 @@ TEST_F(ProfileCommand, PrintOfAnEmptyDirectoryIsOneEmptyLine) {
   EXPECT_EQ(r.out, "\n");
 }
 
+TEST_F(ProfileCommand, PrintOfManyProfilesIsWrittenAsItGoesAndComesOutWhole) {
+  ASSERT_EQ(create("seed").status, 0);
+  std::string seed = slurp(cap("seed"));
+  // Some 300 KiB of text: written out in several pieces, which must join without a seam. A
+  // profile that cannot be read is left out and makes the status 1.
+  std::string want = "\n";
+  std::vector<std::string> names;
+  for (int i = 0; i < 600; ++i) names.push_back("r" + std::to_string(i * 37 % 600) + std::string(i % 50, 'x'));
+  names.push_back("seed");
+  std::sort(names.begin(), names.end());
+  for (const std::string& n : names) {
+    std::string text = n == "seed" ? seed : "# " + n + "\n" + seed;
+    if (n == names[300]) {
+      std::filesystem::create_directory(cap(n));  // opens, but does not read
+      continue;
+    }
+    if (n != "seed") put(cap(n), text);
+    want += "FILE_NAME=" + n + ".cap\n" + text + "\n";
+  }
+  Result r = run({"-print", "-dir", pd});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.out, want);
+}
+
 TEST_F(ProfileCommand, ReplacingNeedsForceAndKeepsABackup) {
   ASSERT_EQ(create("r", {"-d", "first"}).status, 0);
   std::string first = slurp(cap("r"));

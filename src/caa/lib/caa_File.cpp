@@ -76,7 +76,7 @@ int CaaFile::closeFile(int& ifd) {
 
 bool CaaFile::remove() { return OsfRemove(filename.c_str()) == 0; }
 
-bool CaaFile::createBackup(const std::string& backup_ext) {
+bool CaaFile::createBackup(const std::string& backup_ext, bool sync_dir) {
   char name[Path::buf_len], dir[Path::buf_len], ext[Path::buf_len], version[Path::buf_len];
   osrec err;
   if (Osfpfn(name, dir, ext, version, filename.c_str(), &err, 0) != 0) {
@@ -86,7 +86,7 @@ bool CaaFile::createBackup(const std::string& backup_ext) {
   char backup[Path::buf_len];
   if (ptu_getFile(backup, sizeof backup, dir, name, backup_ext.c_str()) != 0) return false;
   if (filename == backup) return false;
-  return ptu_copyFile(filename, backup) == 0;
+  return ptu_copyFile(filename, backup, sync_dir) == 0;
 }
 
 int CaaFile::twrite(char* buf) {

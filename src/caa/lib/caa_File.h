@@ -42,8 +42,10 @@ class CaaFile {
   bool remove();
   // Copies the file beside itself with backup_ext in place of its extension; a second backup
   // replaces the first. The copy is written beside the backup and renamed over it, so a failed
-  // copy leaves the earlier backup whole.
-  bool createBackup(const std::string& backup_ext);
+  // copy leaves the earlier backup whole. Without sync_dir the directory is not synced after the
+  // rename: for a caller that replaces the file itself next, whose sync of the directory then
+  // makes both lasting at once.
+  bool createBackup(const std::string& backup_ext, bool sync_dir = true);
   // Replaces the content with buf and a newline: 0, or 1 after "Can't open file to write %s\n".
   int twrite(char* buf);
   // The first line into buf: 0, or 1 ("Can't open file %s\n" when the open fails).

@@ -146,16 +146,20 @@ void Profile::loadProfile(const std::string& file, string_Map& contents) {
   }
 }
 
-void Profile::mergeProfile(const std::string& type, string_Map& contents) {
-  AttrMap amap;
-  if (CaaTemplate::readTDF(type, amap) != 0) throw X_PROF(located("Invalid Type Definition File", __LINE__));
-  for (const auto& attr : amap) {
+void Profile::mergeProfile(const std::string& type, string_Map& contents, const AttrMap* amap) {
+  AttrMap read;
+  if (amap == nullptr) {
+    if (CaaTemplate::readTDF(type, read) != 0) throw X_PROF(located("Invalid Type Definition File", __LINE__));
+    amap = &read;
+  }
+  for (const auto& attr : *amap) {
     auto it = contents.find(attr.first);
     if (it == contents.end() || it->second.empty()) contents[attr.first] = attr.second.getDefault();
   }
 }
 
-void Profile::createProfile(string_Map& contents, const std::string& destFile, bool overwrite, bool temp) {
+void Profile::createProfile(string_Map& contents, const std::string& destFile, bool overwrite, bool temp,
+                            const AttrMap* amap) {
   std::string name = contents["NAME"];
   std::string type = contents["TYPE"];
   if (name.empty() && !temp) throw X_PROF(located("NAME field must be set", __LINE__));
@@ -163,7 +167,7 @@ void Profile::createProfile(string_Map& contents, const std::string& destFile, b
   if (type.empty()) throw X_PROF(located("TYPE field must be set", __LINE__));
   CaaFile file = destFile.empty() ? CaaFile(Path::profile_path, name, Path::PROFILE_EXT) : CaaFile(destFile);
   if (file.exists() && !overwrite) throw X_PROF_Exists(located(file.getName(), __LINE__));
-  mergeProfile(type, contents);
+  mergeProfile(type, contents, amap);
   writeProfile(file.getName(), contents, overwrite);
 }
 

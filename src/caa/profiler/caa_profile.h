@@ -69,12 +69,15 @@ class Profile {
   // Reads file into contents; entries the file does not name stay. Throws X_PROF_InvalidFile
   // when the file cannot be opened, X_PROF_SyntaxError for a line that is no NAME=value.
   static void loadProfile(const std::string& file, string_Map& contents);
-  // Gives every attribute of the type that contents lacks, or holds empty, its default.
-  static void mergeProfile(const std::string& type, string_Map& contents);
+  // Gives every attribute of the type that contents lacks, or holds empty, its default. amap: the
+  // type's definition when the caller has read it already; null to read it here.
+  static void mergeProfile(const std::string& type, string_Map& contents, const AttrMap* amap = nullptr);
   // Checks NAME and TYPE, completes the map from the type and writes it. An empty destFile is
   // <profile_path><NAME>.cap. temp: a template, which has a type but no name. Without overwrite
   // a file that exists, or appears meanwhile, is left alone and X_PROF_Exists is thrown.
-  static void createProfile(string_Map& contents, const std::string& destFile, bool overwrite, bool temp);
+  // amap: the definition of the map's TYPE, read already, or null.
+  static void createProfile(string_Map& contents, const std::string& destFile, bool overwrite, bool temp,
+                            const AttrMap* amap = nullptr);
   // Replaces file with the map: NAME, TYPE, then the rest in byte order. A replaced file keeps
   // its owner, group and mode. An entry that would not read back as it is (entryFault) is
   // refused before anything is written.
@@ -101,11 +104,12 @@ class Profile {
   static bool validateProfile(const std::string& file);
   // The checks of the name, of the type's definition and of the fixed rules of the types.
   // fixup: a faulty REBALANCE is rewritten in contents when that mends it. A forbidden
-  // character in the name ends the process with status 1.
-  static bool validateProfile(string_Map& contents, bool fixup);
+  // character in the name ends the process with status 1. amap: the definition of the map's
+  // TYPE, read already, or null to read it here.
+  static bool validateProfile(string_Map& contents, bool fixup, const AttrMap* amap = nullptr);
   // The checks against a definition: required attributes, value types, and no attribute
   // outside the definition but those named USR_*.
-  static bool validateProfile(string_Map& contents, AttrMap amap);
+  static bool validateProfile(string_Map& contents, const AttrMap& amap);
   // True when every character is printable and none is "!".
   static bool validateResName(const char* name);
   // Dotted form of four numbers 0..255; cuts its argument while it looks.

@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "caa/profiler/caa_profiler_fixture.h"
+#include "caa/profiler/caa_template.h"
 
 using namespace CAA;
 
@@ -164,6 +165,42 @@ TEST_F(ProfileFile, CreateChecksNameAndTypeAndCompletesFromType) {
   string_Map tmpl = {{"TYPE", "application"}};
   Profile::createProfile(tmpl, dir + "/template.cap", true, true);
   EXPECT_EQ(read(dir + "/template.cap").substr(0, 6), "NAME=\n");
+}
+
+TEST_F(ProfileFile, ADefinitionReadOnceServesTheChecksAndTheWrite) {
+  writeTypes();
+  AttrMap amap;
+  ASSERT_EQ(CaaTemplate::readTDF("application", amap), 0);
+  // Gone from disk: what was read before is all the checks and the write may use.
+  std::filesystem::remove(dir + "/generic.tdf");
+  std::filesystem::remove(dir + "/application.tdf");
+  string_Map m = {{"NAME", "r"},         {"TYPE", "application"},   {"ACTION_SCRIPT", "/s"},
+                  {"REBALANCE", "12:30"}, {"AUTO_START", "restore"}, {"PLACEMENT", "balanced"}};
+  testing::internal::CaptureStdout();
+  EXPECT_TRUE(Profile::validateProfile(m, true, &amap));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(m["REBALANCE"], "t:*:12:30");  // mended by the rules of the type
+  Profile::createProfile(m, "", true, false, &amap);
+  string_Map back;
+  Profile::loadProfile(dir + "/r.cap", back);
+  EXPECT_EQ(back["CHECK_INTERVAL"], "60");
+
+  // A map that breaks the definition given is refused by it, with the reasons told.
+  string_Map bad = {{"NAME", "q"},
+                    {"TYPE", "application"},
+                    {"CHECK_INTERVAL", "-1"},
+                    {"AUTO_START", "restore"},
+                    {"PLACEMENT", "balanced"}};
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(Profile::validateProfile(bad, false, &amap));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Error: ACTION_SCRIPT must be set for application\nError: CHECK_INTERVAL out of range: -1\n"
+            "Error: The ACTION_SCRIPT attribute of the resource profile must be set\n"
+            "Error: CHECK_INTERVAL out of range: -1\n");
+  // Without one, the definition is read, and now it cannot be.
+  testing::internal::CaptureStdout();
+  EXPECT_FALSE(Profile::validateProfile(m, false));
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "Error: Invalid Type: application\n");
 }
 
 TEST_F(ProfileFile, WhatIsWrittenReadsBackAsItWasOrIsNotWrittenAtAll) {

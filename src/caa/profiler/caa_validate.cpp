@@ -206,7 +206,7 @@ bool Profile::validateProfile(const std::string& file) {
   return rules && ok;
 }
 
-bool Profile::validateProfile(string_Map& contents, bool fixup) {
+bool Profile::validateProfile(string_Map& contents, bool fixup, const AttrMap* given) {
   bool ok = true;
   auto fault = [&ok](const std::string& message) {
     report(true, message);
@@ -223,12 +223,13 @@ bool Profile::validateProfile(string_Map& contents, bool fixup) {
   }
 
   std::string type = contents["TYPE"];
-  AttrMap amap;
-  if (CaaTemplate::readTDF(type, amap) != 0) {
+  AttrMap read;
+  if (given == nullptr && CaaTemplate::readTDF(type, read) != 0) {
     fault("Invalid Type: " + type);
-  } else if (!validateProfile(contents, amap)) {
+  } else if (!validateProfile(contents, given != nullptr ? *given : read)) {
     ok = false;
   }
+  const AttrMap& amap = given != nullptr ? *given : read;
   auto has = [&amap](const char* attr) { return amap.count(attr) != 0; };
 
   if (type == "network") {
@@ -284,7 +285,7 @@ bool Profile::validateProfile(string_Map& contents, bool fixup) {
   return ok;
 }
 
-bool Profile::validateProfile(string_Map& contents, AttrMap amap) {
+bool Profile::validateProfile(string_Map& contents, const AttrMap& amap) {
   bool ok = true;
   string_Map rest = contents;
   const std::string type = contents["TYPE"];

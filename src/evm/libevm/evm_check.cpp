@@ -91,7 +91,12 @@ EvmStatus_t _evmTestChecksum(const EvmEventHead_t* head) {
 }
 
 namespace {
-bool nameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
+bool nameChar(char c) {
+  unsigned char u = static_cast<unsigned char>(c);
+  // Every locale classes the portable characters alike, so only the others need the lookup.
+  if (u < 0x80) return (u >= '0' && u <= '9') || ((u | 0x20) >= 'a' && (u | 0x20) <= 'z') || u == '_';
+  return std::isalnum(u) != 0;
+}
 }  // namespace
 
 EvmStatus_t _evmVarNameCheck(const char* name) {

@@ -9,13 +9,48 @@
 #include "evm/libevm/evm_log.h"
 #include "evm/libevm/evm_misc.h"
 
+namespace {
+
+// A handle and the first block of its event share one allocation, the block at this offset
+// (16-aligned, so that the 64-bit fields of the block are aligned too).
+constexpr std::size_t kHandleRoom = (sizeof(EvmEventHandle_s) + 15) & ~static_cast<std::size_t>(15);
+// Every handle reserves at least this much behind it, also one whose block comes from elsewhere:
+// the address of the inline block then lies inside the handle's own allocation, where no other
+// block can start, and head_p equals it only while the block is the inline one.
+constexpr std::size_t kMinInline = 16;
+
+unsigned char* inlineBlock(EvmEvent_t h) { return reinterpret_cast<unsigned char*>(h) + kHandleRoom; }
+
+bool blockIsInline(EvmEvent_t h) { return reinterpret_cast<unsigned char*>(h->head_p) == inlineBlock(h); }
+
+// A stamped handle with room for a block of `block` bytes behind it, all of it zero but the
+// first `head` bytes of the block, which the caller writes. (malloc and memset, not calloc: the
+// allocator's per-thread cache serves malloc only.)
+EvmEvent_t newHandle(std::size_t block, std::size_t head) {
+  if (block < kMinInline) block = kMinInline;
+  auto* room = static_cast<unsigned char*>(std::malloc(kHandleRoom + block));
+  if (room == nullptr) return nullptr;
+  std::memset(room, 0, kHandleRoom);
+  std::memset(room + kHandleRoom + head, 0, block - head);
+  auto* h = reinterpret_cast<EvmEvent_t>(room);
+  _evmuiSetEventMagic(h);
+  return h;
+}
+
+// Frees a handle's block unless it is the inline one, which goes with the handle.
+void freeBlock(EvmEvent_t h) {
+  if (!blockIsInline(h)) std::free(h->head_p);
+  h->head_p = nullptr;
+}
+
+}  // namespace
+
 EvmStatus_t _evmuiAllocateHandle(EvmEvent_t* handle) {
-  EvmEvent_t h = static_cast<EvmEvent_t>(std::calloc(1, sizeof(EvmEventHandle_s)));
+  EvmEvent_t h = newHandle(0, 0);
   if (h == nullptr) {
     _evmLogErrorf(EvmDL2, "_evmuiAllocateHandle - allocation, errno: %d.", errno);
     return EvmERROR_NO_MEMORY;
   }
-  _evmuiSetEventMagic(h);
   *handle = h;
   return EvmERROR_NONE;
 }
@@ -62,21 +97,37 @@ EvmStatus_t _evmuiAllocateEvent(EvmEventHead_t** head, EvmSize_t size) {
   return _evmuiInitializeEventHeader(head);
 }
 
+EvmStatus_t _evmEventResize(EvmEvent_t event, EvmSize_t size) {
+  EvmEventHead_t* head = event->head_p;
+  EvmSize_t used = head->control.size;
+  if (size < used) return EvmERROR_NONE;
+  // Moving the inline block to one of its own would free nothing: it stays where it is when the
+  // event shrinks.
+  if (size == used && blockIsInline(event)) return EvmERROR_NONE;
+  void* block = std::malloc(size);
+  if (block == nullptr) {
+    _evmLogErrorf(EvmDL2, "_evmuiAllocateEvent - realloc, %d.", errno);
+    return EvmERROR_NO_MEMORY;
+  }
+  std::memcpy(block, head, used);
+  std::memset(static_cast<unsigned char*>(block) + used, 0, size - used);
+  freeBlock(event);
+  event->head_p = static_cast<EvmEventHead_t*>(block);
+  return EvmERROR_NONE;
+}
+
 EvmStatus_t _evmuiEventCreate(EvmEvent_t* event, EvmSize_t size) {
-  EvmEvent_t h = nullptr;
-  EvmStatus_t st = _evmuiAllocateHandle(&h);
-  if (st != EvmERROR_NONE) {
+  if (size < EVM_HEAD_SIZE) size = EVM_HEAD_SIZE;
+  // One allocation for the handle and the block: an event that is made, posted and destroyed
+  // never needs a second one.
+  EvmEvent_t h = newHandle(size, EVM_HEAD_SIZE);  // the head is written below
+  if (h == nullptr) {
+    _evmLogErrorf(EvmDL2, "_evmuiAllocateHandle - allocation, errno: %d.", errno);
     EvmLog_C_module_error(EvmDL2, "_evmuiEventCreate - handle allocation.");
-    return st;
+    return EvmERROR_NO_MEMORY;
   }
-  EvmEventHead_t* head = nullptr;
-  st = _evmuiAllocateEvent(&head, size);
-  if (st != EvmERROR_NONE) {
-    EvmLog_C_module_error(EvmDL2, "_evmuiEventCreate - head allocation.");
-    std::free(h);
-    return st;
-  }
-  h->head_p = head;
+  h->head_p = reinterpret_cast<EvmEventHead_t*>(inlineBlock(h));
+  _evmuiInitializeEventHeader(&h->head_p);
   *event = h;
   return EvmERROR_NONE;
 }
@@ -90,7 +141,7 @@ EvmEvent_t _evmMakeEvent(EvmEventHead_t* head) {
   }
   h->head_p = head;
   if (_evmEventTranslateVersion(h) != EvmERROR_NONE || _evmValidate(h, nullptr) != EvmERROR_NONE) {
-    std::free(h->head_p);
+    freeBlock(h);
     std::free(h);
     return nullptr;
   }
@@ -127,8 +178,7 @@ EvmStatus_t EvmEventDestroy(EvmEvent_t event) {
   event->magic = 0;
   if (event->head_p != nullptr) {
     event->head_p->control.ident = 0;
-    std::free(event->head_p);
-    event->head_p = nullptr;
+    freeBlock(event);
   }
   std::free(event);
   return EvmERROR_NONE;

@@ -84,12 +84,40 @@ TEST_F(EvmEventTest, BlockGrowsWithZeroTailAndIgnoresShrinkBelowUse) {
   ASSERT_EQ(EvmEventCreateVa(&e_, EvmITEM_NAME, "x", 0), EvmERROR_NONE);
   Bytes before = used(e_);
   EvmEventHead_t* old = e_->head_p;
-  EXPECT_EQ(_evmuiAllocateEvent(&e_->head_p, 100), EvmERROR_NONE);
+  EXPECT_EQ(_evmEventResize(e_, 100), EvmERROR_NONE);
   EXPECT_EQ(e_->head_p, old);
-  ASSERT_EQ(_evmuiAllocateEvent(&e_->head_p, 4096), EvmERROR_NONE);
+  ASSERT_EQ(_evmEventResize(e_, 4096), EvmERROR_NONE);
   EXPECT_EQ(used(e_), before);
   const unsigned char* p = reinterpret_cast<const unsigned char*>(e_->head_p);
   for (std::size_t i = before.size(); i < 4096; ++i) ASSERT_EQ(p[i], 0) << i;
+}
+
+TEST_F(EvmEventTest, FirstBlockSharesTheHandleUntilTheEventGrows) {
+  ASSERT_EQ(EvmEventCreateVa(&e_, EvmITEM_NAME, "a.b", EvmITEM_VAR_STRING, "_name", "r", 0), EvmERROR_NONE);
+  auto* handle = reinterpret_cast<unsigned char*>(e_);
+  auto* block = reinterpret_cast<unsigned char*>(e_->head_p);
+  // One allocation: the block follows the handle, 16-aligned.
+  EXPECT_GT(block, handle);
+  EXPECT_LE(block - handle, 32);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 16, 0u);
+  // An exact fit of the first block stays where it is.
+  EXPECT_EQ(_evmEventResize(e_, e_->head_p->control.size), EvmERROR_NONE);
+  EXPECT_EQ(reinterpret_cast<unsigned char*>(e_->head_p), block);
+
+  // Growing gives the block one of its own; the event reads as before, and a duplicate made
+  // now is as whole as one made first.
+  ASSERT_EQ(EvmItemSetVa(e_, EvmITEM_NAME, "a.much.longer.name.than.the.first.one", 0), EvmERROR_NONE);
+  EXPECT_NE(reinterpret_cast<unsigned char*>(e_->head_p), block);
+  EvmEvent_t copy = nullptr;
+  ASSERT_EQ(EvmEventDup(&copy, e_), EvmERROR_NONE);
+  EXPECT_EQ(used(copy), used(e_));
+  ASSERT_EQ(EvmItemSetVa(e_, EvmITEM_NAME, "x", 0), EvmERROR_NONE);  // shrinks to an exact fit
+  EvmVarStruct_t var;
+  ASSERT_EQ(EvmVarGet(e_, "_name", &var), EvmERROR_NONE);
+  EXPECT_STREQ(var.value.STRING, "r");
+  EvmVarRelease(&var);
+  EXPECT_EQ(EvmEventValidate(e_), EvmERROR_NONE);
+  EXPECT_EQ(EvmEventDestroy(copy), EvmERROR_NONE);
 }
 
 TEST_F(EvmEventTest, OnlyPostingFlagsCanBeSetDirectly) {

@@ -121,14 +121,68 @@ void compactBody(EvmEventHead_t* head) {
   head->control.size = static_cast<std::uint32_t>(w);
 }
 
+// Sizes every entry once: the totals, and in adds (entry_count slots) what each entry adds.
+EvmStatus_t sizePackage(const EvmEventHead_t* head, EvmItemPkg_t* pkg, EvmSize_t* adds, EvmSize_t* addTotal,
+                        EvmSize_t* oldTotal) {
+  std::uint64_t add = 0, old = 0;
+  for (std::uint32_t k = 0; k < pkg->entry_count; ++k) {
+    EvmSize_t a = 0, o = 0;
+    EvmStatus_t st = _evmuiGetAddSize(head, &pkg->table_p[k], &a, &o);
+    if (st != EvmERROR_NONE) return st;
+    if (adds != nullptr) adds[k] = a;
+    add += a;
+    old += o;
+  }
+  if (add > kMaxRecord) return EvmERROR_NO_MEMORY;
+  *addTotal = static_cast<EvmSize_t>(add);
+  *oldTotal = static_cast<EvmSize_t>(old);
+  return EvmERROR_NONE;
+}
+
+// Appends every entry in table order, with the sizes that sizePackage found, or sized afresh
+// (and checked once more) when there are none.
+EvmStatus_t insertPackage(EvmEventHead_t* head, EvmItemPkg_t* pkg, const EvmSize_t* adds) {
+  _evmRemoveChecksum(head);
+  for (std::uint32_t k = 0; k < pkg->entry_count; ++k) {
+    EvmSize_t add = 0, old = 0;
+    EvmStatus_t st = EvmERROR_NONE;
+    if (adds != nullptr)
+      add = adds[k];
+    else
+      st = _evmuiGetAddSize(nullptr, &pkg->table_p[k], &add, &old);
+    if (st == EvmERROR_NONE) st = _evmuiInsertValue(head, &pkg->table_p[k], add);
+    if (st != EvmERROR_NONE) return st;
+  }
+  return EvmERROR_NONE;
+}
+
+// The sizes of a package's entries, on the stack for every package that fits the local buffer.
+class EntrySizes {
+ public:
+  explicit EntrySizes(std::uint32_t count)
+      : heap_(count > kLocalEntries ? static_cast<EvmSize_t*>(std::malloc(count * sizeof(EvmSize_t))) : nullptr) {}
+  ~EntrySizes() { std::free(heap_); }
+  EntrySizes(const EntrySizes&) = delete;
+  EntrySizes& operator=(const EntrySizes&) = delete;
+  // Null when a large package found no memory: the entries are then sized again as inserted.
+  EvmSize_t* get(std::uint32_t count) { return count <= kLocalEntries ? local_ : heap_; }
+
+ private:
+  static constexpr std::uint32_t kLocalEntries = kLocalPackage / EVM_PKG_ENTRY_SIZE;
+  EvmSize_t local_[kLocalEntries];
+  EvmSize_t* heap_;
+};
+
 EvmStatus_t setFromPackage(EvmEvent_t event, EvmItemPkg_t* pkg) {
   EvmSize_t addTotal = 0, oldTotal = 0;
-  EvmStatus_t st = _evmuiVaTotalAddFromItemPkg(event->head_p, &addTotal, &oldTotal, pkg);
+  EntrySizes sizes(pkg->entry_count);
+  EvmSize_t* adds = sizes.get(pkg->entry_count);
+  EvmStatus_t st = sizePackage(event->head_p, pkg, adds, &addTotal, &oldTotal);
   if (st != EvmERROR_NONE) return st;
   if (addTotal > oldTotal) {
     std::uint64_t want = static_cast<std::uint64_t>(event->head_p->control.size) + addTotal - oldTotal;
     if (want > kMaxRecord) return EvmERROR_NO_MEMORY;
-    st = _evmuiAllocateEvent(&event->head_p, static_cast<EvmSize_t>(want));
+    st = _evmEventResize(event, static_cast<EvmSize_t>(want));
     if (st != EvmERROR_NONE) return st;
   }
   EvmEventHead_t* head = event->head_p;
@@ -144,9 +198,9 @@ EvmStatus_t setFromPackage(EvmEvent_t event, EvmItemPkg_t* pkg) {
     }
   }
   if (dead) compactBody(head);
-  st = _evmuiItemSetFromItemPkg(head, pkg);
+  st = insertPackage(head, pkg, adds);
   if (st != EvmERROR_NONE) return st;
-  if (addTotal < oldTotal) _evmuiAllocateEvent(&event->head_p, head->control.size);  // a failed shrink leaves it roomy
+  if (addTotal < oldTotal) _evmEventResize(event, head->control.size);  // a failed shrink leaves it roomy
   return EvmERROR_NONE;
 }
 
@@ -213,18 +267,7 @@ EvmStatus_t _evmuiGetAddSize(const EvmEventHead_t* head, EvmItemTableEntry_s* en
 
 EvmStatus_t _evmuiVaTotalAddFromItemPkg(const EvmEventHead_t* head, EvmSize_t* addTotal, EvmSize_t* oldTotal,
                                         EvmItemPkg_t* package) {
-  std::uint64_t add = 0, old = 0;
-  for (std::uint32_t k = 0; k < package->entry_count; ++k) {
-    EvmSize_t a = 0, o = 0;
-    EvmStatus_t st = _evmuiGetAddSize(head, &package->table_p[k], &a, &o);
-    if (st != EvmERROR_NONE) return st;
-    add += a;
-    old += o;
-  }
-  if (add > kMaxRecord) return EvmERROR_NO_MEMORY;
-  *addTotal = static_cast<EvmSize_t>(add);
-  *oldTotal = static_cast<EvmSize_t>(old);
-  return EvmERROR_NONE;
+  return sizePackage(head, package, nullptr, addTotal, oldTotal);
 }
 
 EvmStatus_t _evmuiInsertValue(EvmEventHead_t* head, const EvmItemTableEntry_s* entry, EvmSize_t addSize) {
@@ -292,19 +335,15 @@ EvmStatus_t _evmuiInsertValue(EvmEventHead_t* head, const EvmItemTableEntry_s* e
 }
 
 EvmStatus_t _evmuiItemSetFromItemPkg(EvmEventHead_t* head, EvmItemPkg_t* package) {
-  _evmRemoveChecksum(head);
-  for (std::uint32_t k = 0; k < package->entry_count; ++k) {
-    EvmSize_t add = 0, old = 0;
-    EvmStatus_t st = _evmuiGetAddSize(nullptr, &package->table_p[k], &add, &old);
-    if (st == EvmERROR_NONE) st = _evmuiInsertValue(head, &package->table_p[k], add);
-    if (st != EvmERROR_NONE) return st;
-  }
-  return EvmERROR_NONE;
+  return insertPackage(head, package, nullptr);
 }
 
 EvmStatus_t _evmEventCreateFromItemPkg(EvmEvent_t* event, EvmItemPkg_t* package) {
   EvmSize_t add = 0, old = 0;
-  EvmStatus_t st = _evmuiVaTotalAddFromItemPkg(nullptr, &add, &old, package);
+  // Each entry is checked and sized once; the inserts below use those sizes.
+  EntrySizes sizes(package->entry_count);
+  EvmSize_t* adds = sizes.get(package->entry_count);
+  EvmStatus_t st = sizePackage(nullptr, package, adds, &add, &old);
   if (st != EvmERROR_NONE) return st;
   EvmEvent_t ev = nullptr;
   st = _evmuiEventCreate(&ev, static_cast<EvmSize_t>(EVM_HEAD_SIZE) + add);
@@ -312,7 +351,7 @@ EvmStatus_t _evmEventCreateFromItemPkg(EvmEvent_t* event, EvmItemPkg_t* package)
     EvmLog_C_module_error(EvmDL2, "_evmEventCreateFromItemPkg - event allocation.");
     return st;
   }
-  if (package->entry_count > 0 && (st = _evmuiItemSetFromItemPkg(ev->head_p, package)) != EvmERROR_NONE) {
+  if (package->entry_count > 0 && (st = insertPackage(ev->head_p, package, adds)) != EvmERROR_NONE) {
     EvmEventDestroy(ev);
     return st;
   }
@@ -514,7 +553,7 @@ EvmStatus_t _evmMerge(EvmEvent_t event, EvmEvent_t other) {
   }
   std::uint64_t want = event->head_p->control.size + sum;
   if (want > kMaxRecord) return EvmERROR_NO_MEMORY;
-  EvmStatus_t st = _evmuiAllocateEvent(&event->head_p, static_cast<EvmSize_t>(want));
+  EvmStatus_t st = _evmEventResize(event, static_cast<EvmSize_t>(want));
   if (st != EvmERROR_NONE) return st;
   EvmEventHead_t* head = event->head_p;
   for (int id = EvmITEM_FIRST; id <= EvmITEM_PREDEFINED_MAX; ++id) {

@@ -90,7 +90,8 @@ int openTemp(const std::string& tmp) {
   return open(tmp.c_str(), flags, 0600);
 }
 
-int writeBeside(const std::string& path, const std::string& data, const Attributes& attrs, bool overwrite) {
+int writeBeside(const std::string& path, const std::string& data, const Attributes& attrs, bool overwrite,
+                bool sync_dir = true) {
   std::string tmp = ptu_tempName(path);
   OslFd fd(openTemp(tmp));
   if (!fd) return -1;
@@ -122,7 +123,7 @@ int writeBeside(const std::string& path, const std::string& data, const Attribut
     errno = saved;
     return -1;
   }
-  syncDirOf(path);
+  if (sync_dir) syncDirOf(path);
   return 0;
 }
 
@@ -235,7 +236,7 @@ int ptu_replaceFile(const std::string& path, const std::string& data, unsigned m
   return writeBeside(path, data, attrs, overwrite);
 }
 
-int ptu_copyFile(const std::string& source, const std::string& dest) {
+int ptu_copyFile(const std::string& source, const std::string& dest, bool sync_dir) {
   OslFd fd(open(source.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd) return PTU_ERR_NOROOM;
   struct stat st;
@@ -252,7 +253,7 @@ int ptu_copyFile(const std::string& source, const std::string& dest) {
   // A copy is a fresh file: it takes the source's attributes, not those of an earlier copy, and
   // a caller who may not give it the source's owner still gets the copy.
   Attributes attrs{st.st_mode & 07777, true, st.st_uid, st.st_gid, false};
-  return writeBeside(dest, data, attrs, true) == 0 ? PTU_SUCC : PTU_ERR_NOROOM;
+  return writeBeside(dest, data, attrs, true, sync_dir) == 0 ? PTU_SUCC : PTU_ERR_NOROOM;
 }
 
 void ptu_scanDir(const std::string& dir, const std::function<void(int dfd, const char* name)>& visit) {

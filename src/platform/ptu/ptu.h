@@ -46,8 +46,9 @@ int OsfRemove(const char* path);
 // 0, or -1 with errno set; the temporary file is gone either way.
 int ptu_replaceFile(const std::string& path, const std::string& data, unsigned mode, bool overwrite = true);
 // Copies `source` over `dest` the same way, with the mode, and where the caller may, the owner
-// and group of `source`. 0, or PTU_ERR_NOROOM on failure.
-int ptu_copyFile(const std::string& source, const std::string& dest);
+// and group of `source`. 0, or PTU_ERR_NOROOM on failure. Without sync_dir the directory of
+// `dest` is left for the caller to sync.
+int ptu_copyFile(const std::string& source, const std::string& dest, bool sync_dir = true);
 // The name ptu_replaceFile writes `path` under before it moves it into place.
 std::string ptu_tempName(const std::string& path);
 // Removes from `dir` the temporary files of writers that are gone: names ".<base>.tmp.<pid>"

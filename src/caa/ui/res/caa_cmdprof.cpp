@@ -280,19 +280,25 @@ caa_Status CmdProf::saveProfile(string_Map& paramMap, const CaaFile& profile, bo
                                 bool overwrite, bool* tried) {
   if (tried != nullptr) *tried = false;
   if (checkValues(paramMap) != caa_SUCCESS) return caa_WARNING;
-  if (!Profile::validateProfile(paramMap, fixup)) {
+  // The map's type is the one whose options were read for this run: its definition is at hand.
+  const AttrMap* amap = typeDefinition(paramMap[caa_TYPE]);
+  if (!Profile::validateProfile(paramMap, fixup, amap)) {
     if (report_invalid) caa_logger->log(LOG_STDERR, 180, profile.getName().c_str());
     return caa_WARNING;
   }
   // The writer checks the map once more as it writes it, mended and completed from the type.
   if (tried != nullptr) *tried = true;
-  return writeProfileFile(paramMap, profile.getName(), overwrite, false, caa_logger);
+  return writeProfileFile(paramMap, profile.getName(), overwrite, false, caa_logger, amap);
+}
+
+const AttrMap* CmdProf::typeDefinition(const std::string& type) const {
+  return tdf_read && type == tdf_type ? &tdf_attrs : nullptr;
 }
 
 caa_Status writeProfileFile(string_Map& paramMap, const std::string& name, bool overwrite, bool isTemplate,
-                            CaaLogger* logger) {
+                            CaaLogger* logger, const AttrMap* amap) {
   try {
-    Profile::createProfile(paramMap, name, overwrite, isTemplate);
+    Profile::createProfile(paramMap, name, overwrite, isTemplate, amap);
   } catch (const X_PROF_Exists&) {
     logger->log(LOG_STDERR, 162, name.c_str());
     return caa_WARNING;

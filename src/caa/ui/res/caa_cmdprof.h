@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "caa/profiler/caa_Attribute.h"
 #include "caa/ui/api/caa_cmdparse.h"
 #include "caa/ui/api/caa_cmds.h"
 #include "platform/vynapi/vynapi.h"
@@ -86,7 +87,11 @@ class CmdProf : public Cmds {
   // definition. initParams reads the definition, refuses one switch on two attributes, and
   // hands the switches to uploadArgList, which appends plain options to arg_list (closed by a
   // caaTrash) and the sub-options of "-o" to opt_list.
+  // The definition it reads is kept for the rest of the run (typeDefinition).
   caa_Status initParams(const std::string& type);
+  // The definition of `type` as initParams read it, or null when it read no such type: the
+  // validation and the writing of a profile take it from here instead of reading it again.
+  const AttrMap* typeDefinition(const std::string& type) const;
   // The second scan of a create or an update: the options of the type join the group just
   // built, the line is read again, "-o" is taken apart, and the group is judged, reporting
   // every token that nothing took.
@@ -98,8 +103,9 @@ class CmdProf : public Cmds {
   // Within the value of sub-option tag, replaces oldChar by newChar, so that the commas of a
   // value survive the split of the "-o" text at commas.
   static void replaceChar(char* s, const char* tag, const char oldChar, const char newChar);
-  // Appends the profile rname of the working directory to s_rtn_data, line by line.
-  caa_Status getProfileContent(const char* rname, std::string& s_rtn_data);
+  // Appends the profile rname of the working directory to s_rtn_data, line by line. dfd: the
+  // working directory open, or -1.
+  caa_Status getProfileContent(const char* rname, std::string& s_rtn_data, int dfd = -1);
   // The profile a create is to write: refused if it exists, unless "-f", which renews its backup.
   caa_Status prepareNewProfile(const std::string& namestr, CaaFile& profile);
   // Every operation asks this first, before it touches a file: a resource name must name a file
@@ -160,6 +166,9 @@ class CmdProf : public Cmds {
   // What a direct update hands over.
   string_Map paramMap;
   std::string resourceName;
+  std::string tdf_type;  // the type whose definition tdf_attrs holds, if tdf_read
+  AttrMap tdf_attrs;
+  bool tdf_read = false;
 };
 
 // Tells the user what the resource-registration client reports: the text on standard output,
@@ -169,8 +178,9 @@ void caaCmdProfMsg2Callback(void* pArg, const zeltext* pId, const zeltext* pMsg,
 // Writes a profile, or a template, from a map already checked, and tells the user why it could
 // not: a file that may not be replaced (it exists, or appeared meanwhile) as 162, any other fault
 // as the model's own text on standard output.
+// amap: the definition of the map's type, read already, or null.
 caa_Status writeProfileFile(string_Map& paramMap, const std::string& name, bool overwrite, bool isTemplate,
-                            CaaLogger* logger);
+                            CaaLogger* logger, const AttrMap* amap = nullptr);
 
 }  // namespace CAA
 

@@ -34,8 +34,11 @@ caa_Status CmdProf::prepareNewProfile(const std::string& namestr, CaaFile& profi
       caa_logger->log(LOG_STDERR, 162, profile.getName().c_str());
       return caa_WARNING;
     }
-    // One backup, the latest: it replaces an earlier one.
-    if (!profile.createBackup(Path::BACKUP_EXT)) {
+    // One backup, the latest: it replaces an earlier one. The directory is synced once, when the
+    // profile is replaced in it: the backup's rename comes first, so it is lasting before the
+    // profile's can be. Should the create stop before that, the profile stands unchanged and an
+    // older backup is all a crash could bring back.
+    if (!profile.createBackup(Path::BACKUP_EXT, false)) {
       caa_logger->log(LOG_STDERR, 168);
       return caa_WARNING;
     }

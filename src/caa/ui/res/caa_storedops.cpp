@@ -1,7 +1,13 @@
 // The operations on stored profiles that leave their content alone: delete, print and
 // validate. Print copies the files as they stand, comments and all; it does not parse them.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "caa/lib/caa_File.h"
@@ -10,14 +16,19 @@
 #include "caa/logger/caa_logger.h"
 #include "caa/profiler/caa_profile.h"
 #include "caa/ui/res/caa_cmdprof.h"
+#include "caa/ui/res/caa_proflist.h"
 #include "caa/ui/res/caa_proflock.h"
 #include "platform/osl/osl.h"
+#include "platform/osl/osl_fd.h"
 #include "platform/ptu/ptu.h"
 
 namespace CAA {
 
 namespace {
 
+
+// The size at which the text of a print of all profiles is written out.
+const std::size_t STREAM_CHUNK = 64 * 1024;
 
 void listFailure(const osrec& ose) {
   std::printf("CmdProf::listProfile \n  %s", osrecFormat(ose).c_str());
@@ -48,34 +59,40 @@ caa_Status CmdProf::deleteProfile() {
   return caa_SUCCESS;
 }
 
-caa_Status CmdProf::getProfileContent(const char* rname, std::string& s_rtn_data) {
+caa_Status CmdProf::getProfileContent(const char* rname, std::string& s_rtn_data, int dfd) {
   char profile_file[Path::buf_len];
   if (ptu_getFile(profile_file, sizeof profile_file, dir_path.c_str(), rname, Path::PROFILE_EXT) == PTU_ERR_NOROOM) {
     caa_logger->log(LOG_STDERR, "FIL failure while generating the name of the profile file");
     return caa_WARNING;
   }
-  CaaFile profile(profile_file);
-  int pfd = -1;
-  if (openProfile(pfd, profile) != caa_SUCCESS) return caa_WARNING;
-  std::string orig_str;
-  int nread = profile.readFile(pfd, orig_str);
-  if (nread < 0) {
-    profile.closeFile(pfd);
-    return caa_WARNING;
+  // A FIFO put where a profile belongs must not hold the command up. Within a walk of the
+  // directory the file is opened relative to it, which spares a lookup of the whole path.
+  const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
+  OslFd fd(dfd >= 0 ? openat(dfd, (std::string(rname) + "." + Path::PROFILE_EXT).c_str(), flags)
+                    : open(profile_file, flags));
+  struct stat st;
+  if (!fd || fstat(fd.get(), &st) != 0) return caa_WARNING;
+  // The file is read up to the size it had, or its end, straight behind what s_rtn_data holds.
+  std::size_t at = s_rtn_data.size();
+  std::size_t size = static_cast<std::size_t>(st.st_size);
+  s_rtn_data.resize(at + size);
+  std::size_t got = 0;
+  while (got < size) {
+    ssize_t n = read(fd.get(), &s_rtn_data[at + got], size - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      s_rtn_data.resize(at);
+      return caa_WARNING;
+    }
+    if (n == 0) break;
+    got += static_cast<std::size_t>(n);
   }
-  // Line by line as the file has them; a last line without its newline gets one.
-  std::size_t j = 0;
-  for (std::size_t i = 0; i < orig_str.size(); ++i) {
-    if (orig_str[i] != '\n') continue;
-    s_rtn_data.append(orig_str, j, i - j);
-    s_rtn_data += '\n';
-    j = i + 1;
-  }
-  if (j < orig_str.size()) {
-    s_rtn_data.append(orig_str, j, std::string::npos);
-    s_rtn_data += '\n';
-  }
-  profile.closeFile(pfd);
+  // Its lines as they stand: the text ends at a zero byte, and a last line without its newline
+  // gets one.
+  const void* nul = std::memchr(s_rtn_data.data() + at, '\0', got);
+  if (nul != nullptr) got = static_cast<std::size_t>(static_cast<const char*>(nul) - (s_rtn_data.data() + at));
+  s_rtn_data.resize(at + got);
+  if (got > 0 && s_rtn_data.back() != '\n') s_rtn_data += '\n';
   return caa_SUCCESS;
 }
 
@@ -109,20 +126,24 @@ caa_Status CmdProf::listProfile() {
     caa_logger->append(error_str);
     caa_logger->append();
   } else {
-    oslctx* ctx = osl_process_ctx();
+    // The text goes out as it grows, so that memory stays flat however many profiles there
+    // are; only in quiet mode, where the whole text is one event, is it gathered first.
+    const std::size_t flush_at = quiet_mode ? std::string::npos : STREAM_CHUNK;
+    ProfileList list(dir_path, Path::PROFILE_EXT);
     osrec ose;
-    osl_filelist_t* list = nullptr;
-    if (osl_filelist_open(ctx, &ose, 0, dir_path.c_str(), "", Path::PROFILE_EXT, &list) != 0) {
+    // The profiles are opened relative to their directory (or by their whole path, should it not
+    // open).
+    OslFd dfd(open(dir_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (list.open(&ose) != 0) {
       listFailure(ose);
       return caa_FAILURE;
     }
     std::string filename;
     for (;;) {
-      int rc = osl_filelist_getentry(ctx, &ose, 0, &filename, list);
+      int rc = list.next(&ose, &filename);
       if (rc == OSL_FILELIST_END) break;
       if (rc != 0) {
         listFailure(ose);
-        osl_filelist_close(ctx, &ose, 0, list);
         return caa_FAILURE;
       }
       char fname[Path::buf_len], path[Path::buf_len], ext[Path::buf_len], ver[Path::buf_len];
@@ -132,7 +153,7 @@ caa_Status CmdProf::listProfile() {
         continue;
       }
       // A profile that vanished or cannot be read since the listing is skipped.
-      if (getProfileContent(fname, s_rtn_data) == caa_WARNING) {
+      if (getProfileContent(fname, s_rtn_data, dfd.get()) == caa_WARNING) {
         ret = caa_WARNING;
         continue;
       }
@@ -142,8 +163,11 @@ caa_Status CmdProf::listProfile() {
       caa_logger->append(s_rtn_data);
       caa_logger->append();
       s_rtn_data.clear();
+      if (caa_logger->getText().size() >= flush_at) {
+        display();
+        caa_logger->set();
+      }
     }
-    if (osl_filelist_close(ctx, &ose, 0, list) != 0) listFailure(ose);
   }
   display();
   return ret;

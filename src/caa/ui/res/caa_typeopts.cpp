@@ -41,11 +41,15 @@ caa_Status CmdProf::scanTypeOptions(const std::string& type, CmdParse& cmdparse)
 }
 
 caa_Status CmdProf::initParams(const std::string& type) {
-  AttrMap amap;
-  if (CaaTemplate::readTDF(type, amap) == 1) {
+  tdf_attrs.clear();
+  tdf_read = false;
+  if (CaaTemplate::readTDF(type, tdf_attrs) == 1) {
     caa_logger->log(LOG_STDERR, 175, type.c_str());
     return caa_WARNING;
   }
+  tdf_type = type;
+  tdf_read = true;
+  const AttrMap& amap = tdf_attrs;
   // Each switch with the attributes that carry it; more than one is a clash, since the command
   // line could not tell which attribute a value is for.
   std::map<std::string, std::string> smap;

@@ -4,8 +4,11 @@
 #include <stdlib.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
+#include "caa/lib/caa_Path.h"
 #include "caa/logger/caa_logger.h"
 #include "caa/ui/res/caa_cmdprof.h"
 
@@ -102,4 +105,29 @@ TEST_F(SubOptions, AnEntryThatCannotBeAnOptionIsReported) {
   EXPECT_NE(out.find("VYN-0161"), std::string::npos);
   ASSERT_EQ(cmd.args().size(), 1u);  // only -y, and no closing trash after a fault
   EXPECT_EQ(cmd.args().front()->showArgKey(), "C");
+}
+
+TEST_F(SubOptions, TheDefinitionReadForTheOptionsIsKeptForItsTypeOnly) {
+  char tmpl[] = "/tmp/vyn_typeopts_XXXXXX";
+  ASSERT_NE(mkdtemp(tmpl), nullptr);
+  std::string dir = tmpl;
+  std::string saved = Path::template_path;
+  Path::template_path = dir + "/";
+  std::ofstream(dir + "/generic.tdf") << "ATTRIBUTE: NAME\nSWITCH: none\n";
+  std::ofstream(dir + "/app.tdf") << "ATTRIBUTE: PLACEMENT\nSWITCH: -p\nDEFAULT: balanced\n";
+  EXPECT_EQ(cmd.typeDefinition("app"), nullptr);
+  ASSERT_EQ(cmd.initParams("app"), caa_SUCCESS);
+  const AttrMap* amap = cmd.typeDefinition("app");
+  ASSERT_NE(amap, nullptr);
+  EXPECT_EQ(amap->size(), 2u);
+  EXPECT_EQ(amap->at("PLACEMENT").getDefault(), "balanced");
+  EXPECT_EQ(cmd.typeDefinition("other"), nullptr);
+  // A definition that cannot be read leaves none behind.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(cmd.initParams("nosuch"), caa_WARNING);
+  testing::internal::GetCapturedStderr();
+  EXPECT_EQ(cmd.typeDefinition("app"), nullptr);
+  EXPECT_EQ(cmd.typeDefinition("nosuch"), nullptr);
+  Path::template_path = saved;
+  std::filesystem::remove_all(dir);
 }
