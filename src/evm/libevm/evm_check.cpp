@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
+#include <vector>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
@@ -132,6 +134,47 @@ EvmStatus_t _evmStringCheck(const char* name, EvmUint32_t* components, EvmBoolea
   }
   if (components != nullptr) *components = count;
   return st;
+}
+
+namespace {
+
+// The next dot-separated component of `*rest`, which moves past it and its dot.
+std::string_view nextComponent(std::string_view* rest) {
+  std::size_t dot = rest->find('.');
+  std::string_view c = rest->substr(0, dot);
+  rest->remove_prefix(dot == std::string_view::npos ? rest->size() : dot + 1);
+  return c;
+}
+
+}  // namespace
+
+EvmBoolean_t EvmEventNameMatch(const char* pattern, const char* name) {
+  if (pattern == nullptr || _evmStringCheck(pattern, nullptr, EvmTRUE) != EvmERROR_NONE) return EvmFALSE;
+  std::string_view pat(pattern);
+  if (pat.empty() || pat == "*") return EvmTRUE;
+  if (name == nullptr || *name == '\0') return EvmFALSE;
+  std::vector<std::string_view> p, n;
+  for (std::string_view rest = pat; !rest.empty();) p.push_back(nextComponent(&rest));
+  for (std::string_view rest(name); !rest.empty();) n.push_back(nextComponent(&rest));
+  // Wildcard matching over components, backtracking only to the last "*": linear in practice and
+  // at worst |p| x |n|, so a hostile pattern costs no more than that.
+  std::size_t i = 0, j = 0, star = std::string_view::npos, resume = 0;
+  while (j < n.size()) {
+    if (i < p.size() && p[i] == "*") {
+      star = i++;
+      resume = j;
+    } else if (i < p.size() && (p[i] == "?" || p[i] == n[j])) {
+      ++i;
+      ++j;
+    } else if (star != std::string_view::npos) {
+      i = star + 1;
+      j = ++resume;
+    } else {
+      return EvmFALSE;
+    }
+  }
+  while (i < p.size() && p[i] == "*") ++i;
+  return i == p.size() ? EvmTRUE : EvmFALSE;
 }
 
 EvmStatus_t _evmValidate(EvmEvent_t event, EvmUint32_t* components) {

@@ -27,6 +27,13 @@ EvmStatus_t _evmTestChecksum(const EvmEventHead_t* head);
 EvmStatus_t _evmVarNameCheck(const char* name);
 EvmStatus_t _evmStringCheck(const char* name, EvmUint32_t* components, EvmBoolean_t wildcards);
 
+// Whether the event name `name` matches `pattern`, a name that _evmStringCheck takes with
+// wildcards. Component by component: "?" matches exactly one component, "*" any number of
+// components including none, any other component only itself. The empty pattern matches every
+// name; a null or empty name matches only the empty pattern and "*". A pattern the check refuses
+// matches nothing.
+EvmBoolean_t EvmEventNameMatch(const char* pattern, const char* name);
+
 EvmStatus_t _evmValidate(EvmEvent_t event, EvmUint32_t* components);
 EvmStatus_t EvmEventValidate(EvmEvent_t event);
 EvmStatus_t _evmEventTranslateVersion(EvmEvent_t event);

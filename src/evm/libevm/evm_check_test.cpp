@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+
 #include "evm/libevm/evm.h"
 #include "evm/libevm/evm_test_util.h"
 
@@ -96,6 +98,48 @@ TEST_F(EvmCheckTest, WildcardsStandAsWholeComponentsOnlyWhenAllowed) {
   EXPECT_EQ(_evmStringCheck("*a", nullptr, EvmTRUE), EvmERROR_INVALID_ARGUMENT);
   for (const char* s : {"a.*.c", "?", "a*", "*a"})
     EXPECT_EQ(_evmStringCheck(s, nullptr, EvmFALSE), EvmERROR_INVALID_ARGUMENT) << s;
+}
+
+TEST_F(EvmCheckTest, NamePatternsMatchWholeComponents) {
+  struct Case {
+    const char* pattern;
+    const char* name;
+    bool match;
+  } cases[] = {
+      {"", "a.b", true},
+      {"*", "a.b", true},
+      {"*", "", true},
+      {"", nullptr, true},
+      {"a.b", "", false},
+      {"a.b", "a.b", true},
+      {"a.b", "a.b.c", false},
+      {"a.b", "a.bc", false},
+      {"a.?", "a.b", true},
+      {"a.?", "a.b.c", false},
+      {"a.?", "a", false},
+      {"a.*", "a", true},  // "*" may stand for no component
+      {"a.*", "a.b.c.d", true},
+      {"a.*", "ab.c", false},
+      {"*.d", "a.b.c.d", true},
+      {"*.d", "a.b.c.e", false},
+      {"a.*.c.*.e", "a.x.c.y.c.z.e", true},
+      {"a.*.c.?", "a.c.c.c", true},
+      {"sys.zel.clu.vyn.res.*", "sys.zel.clu.vyn.res.state.changed", true},
+      {"sys.zel.clu.vyn.res.*", "sys.zel.clu.vyn.resx", false},
+      {"a*", "a", false},  // not a pattern the name check takes: matches nothing
+      {"a..b", "a..b", false},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(EvmEventNameMatch(c.pattern, c.name), c.match ? EvmTRUE : EvmFALSE)
+        << "pattern '" << c.pattern << "' name '" << (c.name ? c.name : "(null)") << "'";
+  EXPECT_EQ(EvmEventNameMatch(nullptr, "a"), EvmFALSE);
+  // Many stars against a long name that fails at its end stays cheap.
+  std::string pattern, name;
+  for (int i = 0; i < 200; ++i) pattern += "*.";
+  pattern += "z";
+  for (int i = 0; i < 2000; ++i) name += "a.";
+  name += "b";
+  EXPECT_EQ(EvmEventNameMatch(pattern.c_str(), name.c_str()), EvmFALSE);
 }
 
 TEST_F(EvmCheckTest, VariableNamesHaveNoDots) {

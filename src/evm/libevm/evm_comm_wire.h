@@ -134,6 +134,17 @@ inline EvmCommHead_t evmCommHead(EvmCommType_t type, EvmCommFlag_t flags, EvmCom
 // the daemon take memory for bytes that have not arrived.
 constexpr std::uint32_t EVM_MAX_EVENT_SIZE = 1u << 20;
 
+// ---- Subscription request: the message behind a EvmCOMM_SUBSCRIPTION_REQ head ----
+// A listener names the events it wants with a name pattern: behind the head (bodySize = the whole
+// body) comes one transport message, the 48-byte transport header and then the pattern with its
+// NUL. The daemon answers EvmCOMM_SUBSCRIPTION_RSP with flags 0 when it took the filter, which then
+// holds for every event sent after the answer, or with EvmCOMMFLAG_INVALID_DATA when the pattern is
+// refused (the old filter stays). A listener whose queue is full loses events; when its queue has
+// room again it is sent a EvmCOMM_FLAGS head with EvmCOMMFLAG_EVENT_LOST and the number lost in
+// headerData, before the next event.
+constexpr std::size_t EVM_SUBSCRIBE_OFF_PATTERN = EVM_XPC_HEADER_SIZE;
+constexpr std::size_t EVM_SUBSCRIBE_MAX_FILTER = 1024;  // pattern bytes, NUL not counted
+
 // ---- Connect request: the message behind a EvmCOMM_CONNECT_REQ head ----
 // The process and user ids are objects of the OS services layer whose sizes are known only at
 // run time, so everything from offset 56 on is placed by those sizes.

@@ -252,6 +252,38 @@ EvmStatus_t _evmConnEventSend(EvmConnection_t connection, EvmEvent_t event) {
   return EvmERROR_QUEUED;
 }
 
+// ---- Subscribing ----
+
+EvmStatus_t EvmConnSubscribe(EvmConnection_t connection, const char* pattern) {
+  if (pattern == nullptr || std::strlen(pattern) > EVM_SUBSCRIBE_MAX_FILTER ||
+      _evmStringCheck(pattern, nullptr, EvmTRUE) != EvmERROR_NONE)
+    return EvmERROR_INVALID_ARGUMENT;
+  EvmStatus_t st = _evmConnContextActive(connection);
+  if (st != EvmERROR_NONE) return st;
+  if (connection->type != EvmCONNECTION_LISTEN) return EvmERROR_INVALID_ARGUMENT;
+  const std::size_t length = std::strlen(pattern) + 1;
+  unsigned char body[EVM_SUBSCRIBE_OFF_PATTERN + EVM_SUBSCRIBE_MAX_FILTER + 1];
+  std::memset(body, 0, EVM_SUBSCRIBE_OFF_PATTERN);
+  const auto bodySize = static_cast<EvmUint32_t>(EVM_SUBSCRIBE_OFF_PATTERN + length);
+  _evmFillTransportHeader(body, bodySize);
+  std::memcpy(body + EVM_SUBSCRIBE_OFF_PATTERN, pattern, length);
+  EvmCommHead_t h;
+  fillHead(&h, EvmCOMM_SUBSCRIPTION_REQ, 0, 0, bodySize);
+  struct iovec v[2];
+  v[0].iov_base = &h;
+  v[0].iov_len = EVM_COMM_HEAD_SIZE;
+  v[1].iov_base = body;
+  v[1].iov_len = bodySize;
+  claimChannel(connection);
+  st = _evmWriteVIntr(connection->con, v, 2, nullptr);
+  releaseChannel(connection);
+  if (st != EvmERROR_NONE) {
+    _evmConnDisable(connection);
+    return EvmERROR_CONNECTION_LOST;
+  }
+  return EvmERROR_NONE;
+}
+
 // ---- Posting ----
 
 EvmStatus_t EvmEventPost(EvmConnection_t connection, EvmEvent_t event) {

@@ -21,6 +21,12 @@ EvmStatus_t EvmEventPost(EvmConnection_t connection, EvmEvent_t event);
 // Posts an event made from the item list (ended by 0) merged with `event`, which may be null.
 EvmStatus_t EvmEventPostVa(EvmConnection_t connection, EvmEvent_t event, ...);
 // Waits for input; a null time-out waits without limit, {0, 0} means one millisecond.
+// Asks the daemon to send this listen connection only the events whose names match `pattern`
+// (EvmEventNameMatch; "" or "*" for all). The answer arrives through dispatch as a callback with
+// reason EvmREASON_SUBSCRIBE_COMPLETE; until then the old filter holds. EvmERROR_INVALID_ARGUMENT
+// for a connection that is not a listen connection or a pattern the name check refuses.
+EvmStatus_t EvmConnSubscribe(EvmConnection_t connection, const char* pattern);
+
 EvmStatus_t EvmConnWait(EvmConnection_t connection, cls_timeval* timeout);
 EvmStatus_t EvmConnCheck(EvmConnection_t connection, EvmBoolean_t* ready);
 // Handles one message from the daemon if one is there.

@@ -170,6 +170,42 @@ TEST_F(EvmPostTest, ServiceAndListenConnectRequestsNameTheirKind) {
   EXPECT_EQ(EvmEventPost(conn_, event_), EvmERROR_INVALID_ARGUMENT) << "a listener doesn't post";
 }
 
+TEST_F(EvmPostTest, ASubscriptionIsAHeadAndThePatternWithItsNulBehindATransportHeader) {
+  std::vector<Seen> seen;
+  ASSERT_EQ(open(EvmCONNECTION_LISTEN, EvmRESPONSE_CALLBACK, record, &seen), EvmERROR_NONE);
+  ASSERT_EQ(EvmConnSubscribe(conn_, "sys.zel.clu.vyn.res.*"), EvmERROR_NONE);
+  Message head = take();
+  Message body = take();
+  ASSERT_EQ(head.size(), EVM_COMM_HEAD_SIZE);
+  EXPECT_EQ(evmLoad32(head.data(), EVM_COMM_OFF_TYPE), static_cast<std::uint32_t>(EvmCOMM_SUBSCRIPTION_REQ));
+  EXPECT_EQ(evmLoad32(head.data(), EVM_COMM_OFF_FLAGS), 0u);
+  EXPECT_EQ(evmLoad32(head.data(), EVM_COMM_OFF_BODY_SIZE), 48u + 22u);
+  ASSERT_EQ(body.size(), 48u + 22u);
+  EXPECT_EQ(evmLoad32(body.data(), 0), 70u) << "the body's transport header gives its whole length";
+  EXPECT_EQ(std::string(reinterpret_cast<const char*>(body.data()) + EVM_SUBSCRIBE_OFF_PATTERN),
+            "sys.zel.clu.vyn.res.*");
+  EXPECT_EQ(body.back(), 0);
+  sendHead(EvmCOMM_SUBSCRIPTION_RSP, 0);
+  ASSERT_EQ(dispatch(), EvmERROR_NONE);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].reason, EvmREASON_SUBSCRIBE_COMPLETE);
+  EXPECT_EQ(seen[0].status, EvmERROR_NONE);
+
+  // Refused before anything is sent: a bad pattern, one too long, a null one.
+  EXPECT_EQ(EvmConnSubscribe(conn_, "sys.zel*"), EvmERROR_INVALID_ARGUMENT);
+  EXPECT_EQ(EvmConnSubscribe(conn_, nullptr), EvmERROR_INVALID_ARGUMENT);
+  EXPECT_EQ(EvmConnSubscribe(conn_, std::string(EVM_SUBSCRIBE_MAX_FILTER + 1, 'a').c_str()),
+            EvmERROR_INVALID_ARGUMENT);
+  ASSERT_EQ(EvmConnSubscribe(conn_, std::string(EVM_SUBSCRIBE_MAX_FILTER, 'a').c_str()), EvmERROR_NONE);
+  EXPECT_EQ(take().size(), EVM_COMM_HEAD_SIZE) << "the longest pattern is taken whole";
+  EXPECT_EQ(take().size(), 48u + EVM_SUBSCRIBE_MAX_FILTER + 1);
+}
+
+TEST_F(EvmPostTest, OnlyAListenConnectionSubscribes) {
+  ASSERT_EQ(open(EvmCONNECTION_POST, EvmRESPONSE_WAIT), EvmERROR_NONE);
+  EXPECT_EQ(EvmConnSubscribe(conn_, "*"), EvmERROR_INVALID_ARGUMENT);
+}
+
 TEST_F(EvmPostTest, EachDaemonMessageReachesTheCallbackWithItsReasonAndStatus) {
   std::vector<Seen> seen;
   ASSERT_EQ(open(EvmCONNECTION_POST, EvmRESPONSE_CALLBACK, record, &seen), EvmERROR_NONE);
