@@ -70,7 +70,7 @@ constexpr int kDumpColumns = 79;
 
 // Every byte of output goes through here: a full buffer stays terminated at its last byte, and
 // the position then sticks at `size`.
-EvmSize_t putChar(char* buffer, EvmSize_t size, EvmSize_t position, char c) {
+EvmSize_t _PutChar(char* buffer, EvmSize_t size, EvmSize_t position, char c) {
   if (position + 1 < size) {
     buffer[position] = c;
     buffer[position + 1] = '\0';
@@ -80,8 +80,8 @@ EvmSize_t putChar(char* buffer, EvmSize_t size, EvmSize_t position, char c) {
   return size;
 }
 
-EvmSize_t putString(char* buffer, EvmSize_t size, EvmSize_t position, const char* text) {
-  // Bulk copy of what fits; the same result as a putChar per byte.
+EvmSize_t _PutString(char* buffer, EvmSize_t size, EvmSize_t position, const char* text) {
+  // Bulk copy of what fits; the same result as a _PutChar per byte.
   if (position + 1 < size) {
     std::size_t room = size - 1 - position;
     std::size_t n = std::strlen(text);
@@ -95,10 +95,10 @@ EvmSize_t putString(char* buffer, EvmSize_t size, EvmSize_t position, const char
   return size;
 }
 
-EvmSize_t putStringPadded(char* buffer, EvmSize_t size, EvmSize_t position, const char* text, int width) {
-  position = putString(buffer, size, position, text);
+EvmSize_t _PutStringPadded(char* buffer, EvmSize_t size, EvmSize_t position, const char* text, int width) {
+  position = _PutString(buffer, size, position, text);
   for (std::size_t shown = std::strlen(text); static_cast<long>(shown) < width && position < size; ++shown)
-    position = putChar(buffer, size, position, ' ');
+    position = _PutChar(buffer, size, position, ' ');
   return position;
 }
 
@@ -108,7 +108,7 @@ bool nameChar(char c) {
 bool digit(char c) { return c >= '0' && c <= '9'; }
 
 // A new copy of the event's message, or null.
-char* getEventFormat(EvmEvent_t event) {
+char* _GetEventFormat(EvmEvent_t event) {
   EvmItemValue_t v;
   if (EvmItemGet(event, EvmITEM_FORMAT, &v) != EvmERROR_NONE) return nullptr;
   return v.FORMAT;
@@ -122,11 +122,11 @@ const ItemInfo_s* itemByName(const char* name) {
 
 // "@name" as it stood, for an item that cannot or need not be shown.
 EvmSize_t putItemPlaceholder(char* buffer, EvmSize_t size, EvmSize_t position, const char* name, int width) {
-  position = putChar(buffer, size, position, '@');
-  return putStringPadded(buffer, size, position, name, width > 0 ? width - 1 : 0);
+  position = _PutChar(buffer, size, position, '@');
+  return _PutStringPadded(buffer, size, position, name, width > 0 ? width - 1 : 0);
 }
 
-EvmSize_t formatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmEvent_t event, const char* name,
+EvmSize_t _FormatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmEvent_t event, const char* name,
                          const char* absent, int width) {
   const ItemInfo_s* info = itemByName(name);
   if (info == nullptr || info->format_ok == EvmFALSE) return putItemPlaceholder(buffer, size, position, name, width);
@@ -135,18 +135,18 @@ EvmSize_t formatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmEv
     char text[kFieldText];
     EvmItemFormatValue(info->itemid, v, text, sizeof text, width);
     EvmItemRelease(info->itemid, v);
-    return putString(buffer, size, position, text);
+    return _PutString(buffer, size, position, text);
   }
-  if (absent != nullptr) return putStringPadded(buffer, size, position, absent, width);
+  if (absent != nullptr) return _PutStringPadded(buffer, size, position, absent, width);
   return putItemPlaceholder(buffer, size, position, name, width);
 }
 
-EvmSize_t insertRepeatCountString(char* buffer, EvmSize_t size, EvmEvent_t event) {
+EvmSize_t _InsertRepeatCountString(char* buffer, EvmSize_t size, EvmEvent_t event) {
   EvmItemValue_t v;
   if (EvmItemGet(event, EvmITEM_REPEAT_COUNT, &v) != EvmERROR_NONE || v.REPEAT_COUNT <= 1) return 0;
   char text[64];
   std::snprintf(text, sizeof text, "[%d %s] ", static_cast<int>(v.REPEAT_COUNT), _GetString(kTimes));
-  return putString(buffer, size, 0, text);
+  return _PutString(buffer, size, 0, text);
 }
 
 // Where a placeholder's name starts and ends, and what follows it.
@@ -185,6 +185,13 @@ Placeholder readPlaceholder(const char* text, std::size_t at, bool widths) {
   if (widths && !haveWidth) readWidth(text, &p, &ph.width);
   ph.next = p;
   return ph;
+}
+
+// The string of a variable that EvmVarGet copied out, with its unprintable characters made
+// printable in place.
+void _VarTranslateString(EvmVarStruct_t* var) {
+  if (var->value.STRING == nullptr) return;
+  for (char* p = var->value.STRING; *p; ++p) *p = _MakeCharPrintable(*p);
 }
 
 // A variable's text as a message or template shows it, into `text` of kFieldText bytes.
@@ -289,7 +296,7 @@ void _WrapText(const char* text, char* out, EvmSize_t outSize, int lineLength, i
   std::string whole;
   if (text != nullptr) _evmWrapText(text, &whole, lineLength, indent);
   out[0] = '\0';
-  putString(out, outSize, 0, whole.c_str());
+  _PutString(out, outSize, 0, whole.c_str());
 }
 
 int EvmItemFormatValue(EvmItemId_t id, EvmItemValue_t value, char* buffer, EvmSize_t size, int width) {
@@ -329,7 +336,7 @@ int EvmItemFormatValue(EvmItemId_t id, EvmItemValue_t value, char* buffer, EvmSi
     default: std::snprintf(text, sizeof text, "%s %d", _GetString(kUnknownItem), static_cast<int>(id)); break;
   }
   buffer[0] = '\0';
-  EvmSize_t end = putStringPadded(buffer, size, 0, shown, width);
+  EvmSize_t end = _PutStringPadded(buffer, size, 0, shown, width);
   return static_cast<int>(end < size ? end : size - 1);
 }
 
@@ -339,7 +346,7 @@ EvmStatus_t EvmVarFormat(EvmEvent_t event, EvmVarName_t name, char* buffer, EvmS
   EvmStatus_t st = EvmVarGet(event, name, &var);
   if (st == EvmERROR_NOT_PRESENT) {
     buffer[0] = '\0';
-    putString(buffer, size, putChar(buffer, size, 0, '$'), name);
+    _PutString(buffer, size, _PutChar(buffer, size, 0, '$'), name);
     return st;
   }
   if (st != EvmERROR_NONE) return st;
@@ -359,9 +366,8 @@ EvmStatus_t EvmVarFormat(EvmEvent_t event, EvmVarName_t name, char* buffer, EvmS
     case EvmTYPE_FLOAT: std::snprintf(text, sizeof text, "%.8g", static_cast<double>(v.FLOAT)); break;
     case EvmTYPE_DOUBLE: std::snprintf(text, sizeof text, "%.8g", v.DOUBLE); break;
     case EvmTYPE_STRING:
+      if (translate != EvmFALSE) _VarTranslateString(&var);
       shown = v.STRING != nullptr ? v.STRING : "(NULL)";
-      if (v.STRING != nullptr && translate != EvmFALSE)
-        for (char* p = v.STRING; *p; ++p) *p = _MakeCharPrintable(*p);  // our own copy
       break;
     case EvmTYPE_OPAQUE:
       std::snprintf(text, sizeof text, "[%s: %u %s]", _GetString(kOpaque), var.length, _GetString(kBytes));
@@ -369,14 +375,14 @@ EvmStatus_t EvmVarFormat(EvmEvent_t event, EvmVarName_t name, char* buffer, EvmS
     default: {
       std::string s = std::string("[$") + _GetString(kUnknownType) + ": " + name + "]";
       buffer[0] = '\0';
-      putString(buffer, size, 0, s.c_str());
+      _PutString(buffer, size, 0, s.c_str());
       // The release refuses a type it does not know; the name is the one copy made.
       std::free(const_cast<char*>(var.name_p));
       return EvmERROR_NONE;
     }
   }
   buffer[0] = '\0';
-  putString(buffer, size, 0, shown);
+  _PutString(buffer, size, 0, shown);
   EvmVarRelease(&var);
   return EvmERROR_NONE;
 }
@@ -390,12 +396,12 @@ EvmStatus_t EvmEventFormatOpt(char* buffer, EvmSize_t size, EvmEvent_t event, in
   if (buffer == nullptr || _evmuiTestEventMagic(event) != EvmERROR_NONE) return EvmERROR_INVALID_ARGUMENT;
   buffer[0] = '\0';
   if (size == 1) return EvmERROR_NONE;
-  char* format = getEventFormat(event);
+  char* format = _GetEventFormat(event);
   if (format == nullptr) {
     EvmEventFormatAsDefault(buffer, size, event);
     return EvmERROR_NONE;
   }
-  EvmSize_t pos = (options & EVM_FORMAT_NO_REPEAT_COUNT) ? 0 : insertRepeatCountString(buffer, size, event);
+  EvmSize_t pos = (options & EVM_FORMAT_NO_REPEAT_COUNT) ? 0 : _InsertRepeatCountString(buffer, size, event);
   std::size_t len = std::strlen(format);
   char* name = static_cast<char*>(std::malloc(len + 1));
   if (name == nullptr) {
@@ -411,7 +417,7 @@ EvmStatus_t EvmEventFormatOpt(char* buffer, EvmSize_t size, EvmEvent_t event, in
       if (i + 2 >= len) {
         ++i;
       } else {
-        pos = putChar(buffer, size, pos, format[i + 1]);
+        pos = _PutChar(buffer, size, pos, format[i + 1]);
         i += 2;
       }
       continue;
@@ -419,22 +425,22 @@ EvmStatus_t EvmEventFormatOpt(char* buffer, EvmSize_t size, EvmEvent_t event, in
     if (c == '$' || c == '@') {
       Placeholder ph = readPlaceholder(format, i, false);
       if (ph.nameEnd == ph.nameBegin) {
-        pos = putChar(buffer, size, pos, c);
+        pos = _PutChar(buffer, size, pos, c);
         ++i;
         continue;
       }
       std::memcpy(name, format + ph.nameBegin, ph.nameEnd - ph.nameBegin);
       name[ph.nameEnd - ph.nameBegin] = '\0';
       if (c == '@') {
-        pos = formatDataItem(buffer, size, pos, event, name, nullptr, 0);
+        pos = _FormatDataItem(buffer, size, pos, event, name, nullptr, 0);
       } else {
         varText(event, name, text);
-        pos = putString(buffer, size, pos, text);
+        pos = _PutString(buffer, size, pos, text);
       }
       i = ph.next;
       continue;
     }
-    pos = putChar(buffer, size, pos, _MakeCharPrintable(c));
+    pos = _PutChar(buffer, size, pos, _MakeCharPrintable(c));
     ++i;
   }
   std::free(name);
@@ -447,27 +453,27 @@ EvmStatus_t EvmEventFormatAsDefault(char* buffer, EvmSize_t size, EvmEvent_t eve
   if (buffer == nullptr || _evmuiTestEventMagic(event) != EvmERROR_NONE) return EvmERROR_INVALID_ARGUMENT;
   buffer[0] = '\0';
   if (size == 1) return EvmERROR_NONE;
-  EvmSize_t pos = insertRepeatCountString(buffer, size, event);
-  pos = putString(buffer, size, pos, _GetString(kUnformatted));
-  pos = putString(buffer, size, pos, " \"");
+  EvmSize_t pos = _InsertRepeatCountString(buffer, size, event);
+  pos = _PutString(buffer, size, pos, _GetString(kUnformatted));
+  pos = _PutString(buffer, size, pos, " \"");
   EvmItemValue_t v;
   if (EvmItemGet(event, EvmITEM_NAME, &v) == EvmERROR_NONE) {
-    pos = putString(buffer, size, pos, v.NAME[0] != '\0' ? v.NAME : _GetString(kNoName));
+    pos = _PutString(buffer, size, pos, v.NAME[0] != '\0' ? v.NAME : _GetString(kNoName));
     EvmItemRelease(EvmITEM_NAME, v);
   } else {
-    pos = putString(buffer, size, pos, _GetString(kNoName));
+    pos = _PutString(buffer, size, pos, _GetString(kNoName));
   }
-  pos = putString(buffer, size, pos, "\": ");
+  pos = _PutString(buffer, size, pos, "\": ");
   EvmVarList_t list = nullptr;
   if (EvmVarListGet(event, nullptr, &list) != EvmERROR_NONE) return EvmERROR_NONE;
   for (char** p = list; *p != nullptr && pos < size; ++p) {
-    pos = putString(buffer, size, pos, *p);
-    pos = putChar(buffer, size, pos, '=');
+    pos = _PutString(buffer, size, pos, *p);
+    pos = _PutChar(buffer, size, pos, '=');
     if (pos < size) {
       EvmVarFormat(event, *p, buffer + pos, size - pos, EvmTRUE);
       pos += static_cast<EvmSize_t>(std::strlen(buffer + pos));
     }
-    pos = putChar(buffer, size, pos, ' ');
+    pos = _PutChar(buffer, size, pos, ' ');
   }
   EvmVarListFree(list);
   return EvmERROR_NONE;
@@ -488,11 +494,11 @@ EvmStatus_t EvmEventFormatFromTemplate(char* buffer, EvmSize_t size, const char*
     char c = templ[i];
     if (c == '\\') {
       if (i + 1 >= len) {
-        pos = putChar(buffer, size, pos, '\\');
+        pos = _PutChar(buffer, size, pos, '\\');
         ++i;
       } else {
         char n = templ[i + 1];
-        pos = putChar(buffer, size, pos, n == 't' ? '\t' : n == 'n' ? '\n' : n);
+        pos = _PutChar(buffer, size, pos, n == 't' ? '\t' : n == 'n' ? '\n' : n);
         i += 2;
       }
       continue;
@@ -508,22 +514,22 @@ EvmStatus_t EvmEventFormatFromTemplate(char* buffer, EvmSize_t size, const char*
     if (c == '$' || c == '@') {
       Placeholder ph = readPlaceholder(templ, i, true);
       if (ph.nameEnd == ph.nameBegin) {
-        pos = putChar(buffer, size, pos, c);
+        pos = _PutChar(buffer, size, pos, c);
         ++i;
         continue;
       }
       std::memcpy(name, templ + ph.nameBegin, ph.nameEnd - ph.nameBegin);
       name[ph.nameEnd - ph.nameBegin] = '\0';
       if (c == '@') {
-        pos = formatDataItem(buffer, size, pos, event, name, "-", ph.width);
+        pos = _FormatDataItem(buffer, size, pos, event, name, "-", ph.width);
       } else {
         varText(event, name, text);
-        pos = putStringPadded(buffer, size, pos, text, ph.width);
+        pos = _PutStringPadded(buffer, size, pos, text, ph.width);
       }
       i = ph.next;
       continue;
     }
-    pos = putChar(buffer, size, pos, _MakeCharPrintable(c));
+    pos = _PutChar(buffer, size, pos, _MakeCharPrintable(c));
     ++i;
   }
   std::free(name);
