@@ -1,6 +1,7 @@
 // Events as text.
 #include "evm/libevm/evm_format.h"
 
+#include <array>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -80,11 +81,10 @@ EvmSize_t _PutChar(char* buffer, EvmSize_t size, EvmSize_t position, char c) {
   return size;
 }
 
-EvmSize_t _PutString(char* buffer, EvmSize_t size, EvmSize_t position, const char* text) {
-  // Bulk copy of what fits; the same result as a _PutChar per byte.
+// Bulk copy of what fits of `n` bytes; the same result as a _PutChar per byte.
+EvmSize_t putBytes(char* buffer, EvmSize_t size, EvmSize_t position, const char* text, std::size_t n) {
   if (position + 1 < size) {
     std::size_t room = size - 1 - position;
-    std::size_t n = std::strlen(text);
     if (n <= room) {
       std::memcpy(buffer + position, text, n + 1);
       return position + static_cast<EvmSize_t>(n);
@@ -95,11 +95,20 @@ EvmSize_t _PutString(char* buffer, EvmSize_t size, EvmSize_t position, const cha
   return size;
 }
 
+EvmSize_t _PutString(char* buffer, EvmSize_t size, EvmSize_t position, const char* text) {
+  return putBytes(buffer, size, position, text, std::strlen(text));
+}
+
 EvmSize_t _PutStringPadded(char* buffer, EvmSize_t size, EvmSize_t position, const char* text, int width) {
-  position = _PutString(buffer, size, position, text);
-  for (std::size_t shown = std::strlen(text); static_cast<long>(shown) < width && position < size; ++shown)
+  std::size_t n = std::strlen(text);
+  position = putBytes(buffer, size, position, text, n);
+  for (std::size_t shown = n; static_cast<long>(shown) < width && position < size; ++shown)
     position = _PutChar(buffer, size, position, ' ');
   return position;
+}
+
+bool badEvent(EvmEvent_t event) {
+  return _evmuiTestEventMagic(event) != EvmERROR_NONE || event->head_p == nullptr;
 }
 
 bool nameChar(char c) {
@@ -115,8 +124,16 @@ char* _GetEventFormat(EvmEvent_t event) {
 }
 
 const ItemInfo_s* itemByName(const char* name) {
-  for (const ItemInfo_s& row : ItemInfo)
-    if (sfmclo(row.name, name) == 0) return &row;
+  // Only a row of the same length can be equal without regard to case: the comparison runs on
+  // one or two rows instead of all of them.
+  static const auto lengths = [] {
+    std::array<std::size_t, EvmITEM_MAX> l{};
+    for (std::size_t i = 0; i < l.size(); ++i) l[i] = std::strlen(ItemInfo[i].name);
+    return l;
+  }();
+  std::size_t n = std::strlen(name);
+  for (std::size_t i = 0; i < lengths.size(); ++i)
+    if (lengths[i] == n && sfmclo(ItemInfo[i].name, name) == 0) return &ItemInfo[i];
   return nullptr;
 }
 
@@ -130,11 +147,12 @@ EvmSize_t _FormatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmE
                          const char* absent, int width) {
   const ItemInfo_s* info = itemByName(name);
   if (info == nullptr || info->format_ok == EvmFALSE) return putItemPlaceholder(buffer, size, position, name, width);
+  // Read in place: the text is copied into the output at once, so the item's own copy would
+  // only cost an allocation.
   EvmItemValue_t v;
-  if (EvmItemGet(event, info->itemid, &v) == EvmERROR_NONE) {
+  if (_evmuiItemGet(event, info->itemid, &v) == EvmERROR_NONE) {
     char text[kFieldText];
     EvmItemFormatValue(info->itemid, v, text, sizeof text, width);
-    EvmItemRelease(info->itemid, v);
     return _PutString(buffer, size, position, text);
   }
   if (absent != nullptr) return _PutStringPadded(buffer, size, position, absent, width);
@@ -256,9 +274,10 @@ const char* _GetString(int msgid) {
 }
 
 char _MakeCharPrintable(char c) {
+  // The classes of the C locale, spelled out: this runs for every byte of output.
   unsigned char u = static_cast<unsigned char>(c);
-  if (u < 0x80 && std::isprint(u)) return c;
-  if (u < 0x80 && std::isspace(u)) return ' ';
+  if (u >= 0x20 && u < 0x7f) return c;
+  if (u >= '\t' && u <= '\r') return ' ';
   return '#';
 }
 
@@ -393,7 +412,7 @@ EvmStatus_t EvmEventFormat(char* buffer, EvmSize_t size, EvmEvent_t event) {
 
 EvmStatus_t EvmEventFormatOpt(char* buffer, EvmSize_t size, EvmEvent_t event, int options) {
   if (size == 0) return EvmERROR_INVALID_VALUE;
-  if (buffer == nullptr || _evmuiTestEventMagic(event) != EvmERROR_NONE) return EvmERROR_INVALID_ARGUMENT;
+  if (buffer == nullptr || badEvent(event)) return EvmERROR_INVALID_ARGUMENT;
   buffer[0] = '\0';
   if (size == 1) return EvmERROR_NONE;
   char* format = _GetEventFormat(event);
@@ -450,7 +469,7 @@ EvmStatus_t EvmEventFormatOpt(char* buffer, EvmSize_t size, EvmEvent_t event, in
 
 EvmStatus_t EvmEventFormatAsDefault(char* buffer, EvmSize_t size, EvmEvent_t event) {
   if (size == 0) return EvmERROR_INVALID_VALUE;
-  if (buffer == nullptr || _evmuiTestEventMagic(event) != EvmERROR_NONE) return EvmERROR_INVALID_ARGUMENT;
+  if (buffer == nullptr || badEvent(event)) return EvmERROR_INVALID_ARGUMENT;
   buffer[0] = '\0';
   if (size == 1) return EvmERROR_NONE;
   EvmSize_t pos = _InsertRepeatCountString(buffer, size, event);
@@ -481,7 +500,7 @@ EvmStatus_t EvmEventFormatAsDefault(char* buffer, EvmSize_t size, EvmEvent_t eve
 
 EvmStatus_t EvmEventFormatFromTemplate(char* buffer, EvmSize_t size, const char* templ, EvmEvent_t event) {
   if (size == 0) return EvmERROR_INVALID_VALUE;
-  if (buffer == nullptr || templ == nullptr || _evmuiTestEventMagic(event) != EvmERROR_NONE)
+  if (buffer == nullptr || templ == nullptr || badEvent(event))
     return EvmERROR_INVALID_ARGUMENT;
   buffer[0] = '\0';
   if (size == 1) return EvmERROR_NONE;
@@ -537,7 +556,7 @@ EvmStatus_t EvmEventFormatFromTemplate(char* buffer, EvmSize_t size, const char*
 }
 
 EvmStatus_t EvmEventDump(EvmEvent_t event, FILE* stream) {
-  if (stream == nullptr || _evmuiTestEventMagic(event) != EvmERROR_NONE) return EvmERROR_INVALID_ARGUMENT;
+  if (stream == nullptr || badEvent(event)) return EvmERROR_INVALID_ARGUMENT;
   char message[kFieldText];
   std::string wrapped;
   std::fprintf(stream, "\nFormatted Message:\n");
