@@ -244,6 +244,19 @@ TEST_F(EvmshowTest, FollowingReadsAppendsAndCrossesRotation) {
   EXPECT_EQ(o.err, "");
 }
 
+TEST_F(EvmshowTest, FollowingWaitsForALogThatIsNotThereYet) {
+  std::string later = home_.work() + "/later.log", out = home_.work() + "/later.out", err = home_.work() + "/later.err";
+  vyntest::Running r = vyntest::start(
+      "/bin/sh", {"-c", "exec " + vyntest::binary("vyn_evmshow") + " -F -f " + later + " > " + out + " 2> " + err},
+      {{"ZEL_VYN_HOME", home_.home()}}, home_.work());
+  for (int i = 0; i < 500 && vyntest::slurp(err).empty(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  append(later, blocks_[2]);
+  EXPECT_EQ(waitForLines(out, 1), "[3 times] again\n");
+  kill(r.pid(), SIGTERM);
+  r.wait(5000);
+  EXPECT_EQ(vyntest::slurp(err), "EVM-0060: Cannot read " + later + ": No such file or directory\n");
+}
+
 TEST_F(EvmshowTest, ReadsTheLogTheDaemonWrote) {
   std::filesystem::create_directories(home_.root() + "/ipc");
   setenv("VYN_IPC_DIR", (home_.root() + "/ipc").c_str(), 1);

@@ -376,14 +376,14 @@ bool readAll(BlockReader& reader, Shower& shower, bool final) {
   }
 }
 
-bool openInput(const std::string& path, Fd* fd) {
+bool openInput(const std::string& path, Fd* fd, bool quiet = false) {
   if (path == "-") {
     *fd = Fd(0);
     return true;
   }
   int f = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (f < 0) {
-    message(evmshow::kMsgCannotRead, "Cannot read %s: %s", path.c_str(), std::strerror(errno));
+    if (!quiet) message(evmshow::kMsgCannotRead, "Cannot read %s: %s", path.c_str(), std::strerror(errno));
     return false;
   }
   *fd = Fd(f);
@@ -440,7 +440,10 @@ int main(int argc, char** argv) {
   for (std::size_t i = 0; i < inputs.size(); ++i) {
     bool last = i + 1 == inputs.size();
     Fd fd;
-    if (!openInput(inputs[i], &fd)) {
+    if (last && o.follow && inputs[i] != "-" && !openInput(inputs[i], &fd)) {
+      // Like tail -F: a log that is not there yet is waited for.
+      while (!openInput(inputs[i], &fd, true)) usleep(kFollowPollUs);
+    } else if (fd.get() < 0 && !openInput(inputs[i], &fd)) {
       status = 1;
       continue;
     }
