@@ -4,11 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "evm/libevm/evm.h"
 #include "evm/libevm/evm_test_util.h"
@@ -104,6 +107,29 @@ TEST_F(EvmFormatTest, MessageEscapesAndUnprintableBytes) {
   EXPECT_EQ(message(), "abc");
   setFormat("tab\there\x01\xc3\xa9");
   EXPECT_EQ(message(), "tab here###");
+  setFormat("ends in $");
+  EXPECT_EQ(message(), "ends in $");
+  setFormat("ends in @");
+  EXPECT_EQ(message(), "ends in @");
+  EXPECT_EQ(templ("$|@|\\"), "$|@|\\");
+  EXPECT_EQ(templ("<@@"), "<ends in @");
+}
+
+TEST_F(EvmFormatTest, ThreadsFormattingAtOnceShareTheCachedWords) {
+  ASSERT_EQ(EvmVarSetBoolean(e_, "t", EvmTRUE), EvmERROR_NONE);
+  ASSERT_EQ(EvmItemSetVa(e_, EvmITEM_REPEAT_COUNT, 2, 0), EvmERROR_NONE);
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([this, &wrong] {
+      char buf[128];
+      for (int i = 0; i < 200; ++i) {
+        EvmEventFormat(buf, sizeof buf, e_);
+        if (std::string(buf) != "[2 times] Unformatted event \"a.b\": t=True ") ++wrong;
+      }
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST_F(EvmFormatTest, RepeatCountLeadsTheMessageUnlessAskedNotTo) {
