@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -75,12 +76,14 @@ class BlockReader {
   BlockReader(Fd fd, std::string name) : fd_(std::move(fd)), name_(std::move(name)), buf_(kReadChunk) {}
 
   // The next valid event. `final` says that the input will not grow: a block cut short by its
-  // end is then damage; otherwise it may still be coming, and the reader waits at it.
-  Result next(EvmEvent_t* ev, bool final) {
+  // end is then damage; otherwise it may still be coming, and the reader waits at it. `*owned`
+  // says whether the caller must destroy the event; one that is not owned lives until the next
+  // call.
+  Result next(EvmEvent_t* ev, bool* owned, bool final) {
     for (;;) {
       std::size_t need = 0;
       std::uint32_t size = 0;
-      EvmEvent_t found = tryAt(&need, &size);
+      EvmEvent_t found = tryAt(&need, &size, owned);
       if (found != nullptr) {
         reportDamage(false);
         pos_ += size;
@@ -111,7 +114,7 @@ class BlockReader {
 
   // A valid event of `size` bytes starting at pos_, or null; `need` is set when more bytes
   // could decide.
-  EvmEvent_t tryAt(std::size_t* need, std::uint32_t* size) {
+  EvmEvent_t tryAt(std::size_t* need, std::uint32_t* size, bool* owned) {
     std::size_t avail = end_ - pos_;
     if (avail < kControlEnd) {
       *need = kControlEnd;
@@ -119,10 +122,11 @@ class BlockReader {
     }
     const unsigned char* p = buf_.data() + pos_;
     *size = evmLoad32(p, EVM_OFF_CONTROL_SIZE);
-    return makeEvent(p, avail, *size, need);
+    return makeEvent(p, avail, *size, need, owned);
   }
 
-  EvmEvent_t makeEvent(const unsigned char* p, std::size_t avail, std::uint32_t size, std::size_t* need) {
+  EvmEvent_t makeEvent(const unsigned char* p, std::size_t avail, std::uint32_t size, std::size_t* need,
+                       bool* owned) {
     std::uint16_t ident, type;
     std::memcpy(&ident, p + EVM_OFF_CONTROL, 2);
     std::memcpy(&type, p + EVM_OFF_CONTROL + 2, 2);
@@ -131,6 +135,24 @@ class BlockReader {
     if (avail < size) {
       *need = size;
       return nullptr;
+    }
+    if (size >= EVM_HEAD_SIZE && evmLoad32(p, EVM_OFF_EXT_ITEM_ID) == EvmITEM_HDR_EXT_SIZE) {
+      // A block of the current form needs no translation, so it is checked (checksum included)
+      // and shown where it stands, behind a handle of our own: no allocation per event. Blocks
+      // are multiples of 8 bytes, so in an undamaged log each is aligned in the window; one
+      // behind damage may not be, and is copied to an aligned scratch block first.
+      const unsigned char* at = p;
+      if (reinterpret_cast<std::uintptr_t>(p) % alignof(EvmEventHead_t) != 0) {
+        scratch_.resize((size + 7) / 8);
+        std::memcpy(scratch_.data(), p, size);
+        at = reinterpret_cast<const unsigned char*>(scratch_.data());
+      }
+      borrowed_.magic = EVM_HANDLE_MAGIC;
+      borrowed_.head_p = reinterpret_cast<EvmEventHead_t*>(const_cast<unsigned char*>(at));
+      borrowed_.next_event = nullptr;
+      if (_evmValidate(&borrowed_, nullptr) != EvmERROR_NONE) return nullptr;
+      *owned = false;
+      return &borrowed_;
     }
     std::size_t alloc = std::max<std::size_t>(size, EVM_HEAD_SIZE);
     auto* block = static_cast<EvmEventHead_t*>(std::malloc(alloc));
@@ -141,6 +163,7 @@ class BlockReader {
       std::free(block);
       return nullptr;
     }
+    *owned = true;
     return _evmMakeEvent(block);  // takes the block either way
   }
 
@@ -184,6 +207,8 @@ class BlockReader {
   Fd fd_;
   std::string name_;
   std::vector<unsigned char> buf_;
+  std::vector<std::uint64_t> scratch_;  // the block of a borrowed event
+  EvmEventHandle_s borrowed_{};
   std::size_t pos_ = 0, end_ = 0;  // unread bytes are buf_[pos_, end_)
   long long base_ = 0;             // offset in the input of buf_[0]
   long long damageStart_ = -1;     // where the bytes that make no block began
@@ -293,13 +318,18 @@ class Shower {
     for (EvmEvent_t ev : ring_) EvmEventDestroy(ev);
   }
 
-  // Takes the event.
-  void take(EvmEvent_t ev) {
-    if (!wanted(ev)) {
-      EvmEventDestroy(ev);
+  // Shows or keeps the event, and destroys it if it is `owned`.
+  void take(EvmEvent_t ev, bool owned) {
+    if (!wanted(ev) || (o_.count == 0 && !live_)) {
+      if (owned) EvmEventDestroy(ev);
       return;
     }
     if (o_.count >= 0 && !live_) {
+      if (!owned) {
+        EvmEvent_t copy = nullptr;
+        if (EvmEventDup(&copy, ev) != EvmERROR_NONE) return;
+        ev = copy;
+      }
       ring_.push_back(ev);
       if (static_cast<long long>(ring_.size()) > o_.count) {
         EvmEventDestroy(ring_.front());
@@ -308,7 +338,7 @@ class Shower {
       return;
     }
     print(ev);
-    EvmEventDestroy(ev);
+    if (owned) EvmEventDestroy(ev);
   }
 
   // What was kept for the end goes out; from now on every event goes out as it comes.
@@ -363,9 +393,10 @@ class Shower {
 bool readAll(BlockReader& reader, Shower& shower, bool final) {
   for (;;) {
     EvmEvent_t ev = nullptr;
-    BlockReader::Result r = reader.next(&ev, final);
+    bool owned = false;
+    BlockReader::Result r = reader.next(&ev, &owned, final);
     if (r == BlockReader::kEvent) {
-      shower.take(ev);
+      shower.take(ev, owned);
       continue;
     }
     if (r == BlockReader::kError) {
