@@ -1,7 +1,6 @@
 // Validation and checksum of events.
 #include "evm/libevm/evm_check.h"
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
@@ -91,7 +90,11 @@ EvmStatus_t _evmTestChecksum(const EvmEventHead_t* head) {
 }
 
 namespace {
-bool nameChar(char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_'; }
+// ASCII spelled out: every reader of every block runs this per byte of a name, and what a name
+// may hold must not depend on the reader's locale.
+bool nameChar(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+}
 }  // namespace
 
 EvmStatus_t _evmVarNameCheck(const char* name) {
