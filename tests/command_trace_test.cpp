@@ -55,7 +55,7 @@ TEST_F(CommandTraceTest, ACorruptRegistryIsTracedAndTheUserGetsTheFallback) {
   EXPECT_NE(trace().find("VYNVRG: VRG context init failure: "), std::string::npos) << trace();
 }
 
-TEST_F(CommandTraceTest, AnUnwritableLogDirectoryIsToldOnceAndTheCommandGoesOn) {
+TEST_F(CommandTraceTest, AUserWhoMayNotWriteTheLogDirectoryGetsTheSameRunWithoutATrace) {
   Outcome before = vyn({"-print", "r1"}, home_.root() + "/none.db");
   fs::remove(home_.home() + "/log/vyn_profile.trc");
   fs::permissions(home_.home() + "/log", fs::perms::owner_all | fs::perms::group_read | fs::perms::others_read |
@@ -63,9 +63,8 @@ TEST_F(CommandTraceTest, AnUnwritableLogDirectoryIsToldOnceAndTheCommandGoesOn) 
   Outcome r = vyn({"-print", "r1"}, home_.root() + "/none.db");
   EXPECT_EQ(r.status, before.status);
   EXPECT_EQ(r.out, before.out);
-  std::string notice = "vyn_profile: cannot write the trace file " + home_.home() +
-                       "/log/vyn_profile.trc: Permission denied; its lines are lost\n";
-  EXPECT_EQ(r.err, notice + before.err);
+  EXPECT_EQ(r.err, before.err) << "the shared home's trace is the administrator's, not the user's concern";
+  EXPECT_FALSE(fs::exists(home_.home() + "/log/vyn_profile.trc"));
 }
 
 }  // namespace

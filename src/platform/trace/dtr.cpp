@@ -125,7 +125,11 @@ bool openLocked(TraceFile& tf, const std::string& path) {
   // A link planted in a shared log directory is not followed.
   int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) {
-    if (!tf.warned) {
+    // An ordinary user running against a shared home may not write its log directory: the trace
+    // is the administrator's, and its absence then is no news. Anything else (a planted link, a
+    // log directory that is not one) is said once.
+    const bool notOurs = errno == EACCES || errno == EPERM || errno == EROFS;
+    if (!tf.warned && !notOurs) {
       tf.warned = true;
       std::string note = tf.program + ": cannot write the trace file " + path + ": " + std::strerror(errno) +
                          "; its lines are lost\n";
