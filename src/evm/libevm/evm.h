@@ -23,5 +23,6 @@
 #include "evm/libevm/evm_msg.h"
 #include "evm/libevm/evm_auto.h"
 #include "evm/libevm/evm_post.h"
+#include "evm/libevm/evm_format.h"
 
 #endif

@@ -1,7 +1,6 @@
 // Validation and checksum of events.
 #include "evm/libevm/evm_check.h"
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>

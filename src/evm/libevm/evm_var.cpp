@@ -8,6 +8,7 @@
 #include <string>
 
 #include "evm/libevm/evm_check.h"
+#include "evm/libevm/evm_format.h"
 #include "evm/libevm/evm_item.h"
 #include "evm/libevm/evm_log.h"
 #include "evm/libevm/evm_misc.h"
@@ -210,31 +211,6 @@ bool _evmIsVarInName(const char* name, const char* var) {
   return false;
 }
 
-void _evmVarValueText(const EvmVarStruct_t* var, char* text, std::size_t size) {
-  if (size == 0) return;
-  const EvmVarValue_t& v = var->value;
-  switch (var->type) {
-    case EvmTYPE_BOOLEAN: {
-      char word[256];
-      _EvmMsgGet(19, v.BOOLEAN == EvmFALSE ? 2 : 1, v.BOOLEAN == EvmFALSE ? "False" : "True", word, sizeof word);
-      std::snprintf(text, size, "%s", word);
-      break;
-    }
-    case EvmTYPE_CHAR: std::snprintf(text, size, "%c", v.EVMCHAR & 0x7f); break;
-    case EvmTYPE_INT16: case EvmTYPE_INT32: std::snprintf(text, size, "%d", static_cast<int>(v.INT16)); break;
-    case EvmTYPE_INT64: std::snprintf(text, size, "%ld", static_cast<long>(v.INT64)); break;
-    case EvmTYPE_UINT8: std::snprintf(text, size, "%u", static_cast<unsigned>(v.UINT8)); break;
-    case EvmTYPE_UINT16: std::snprintf(text, size, "%u", static_cast<unsigned>(v.UINT16)); break;
-    case EvmTYPE_UINT32: std::snprintf(text, size, "%u", v.UINT32); break;
-    case EvmTYPE_UINT64: std::snprintf(text, size, "%lu", static_cast<unsigned long>(v.UINT64)); break;
-    case EvmTYPE_FLOAT: std::snprintf(text, size, "%.8g", static_cast<double>(v.FLOAT)); break;
-    case EvmTYPE_DOUBLE: std::snprintf(text, size, "%.8g", v.DOUBLE); break;
-    case EvmTYPE_STRING: std::snprintf(text, size, "%s", v.STRING != nullptr ? v.STRING : "(NULL)"); break;
-    case EvmTYPE_OPAQUE: std::snprintf(text, size, "OPAQUE"); break;
-    default: text[0] = '\0'; break;
-  }
-}
-
 EvmStatus_t EvmEventAutoExtendName(EvmEvent_t event, EvmUint32_t* added) {
   EvmItemValue_t nameItem;
   EvmStatus_t st = EvmItemGet(event, EvmITEM_NAME, &nameItem);
@@ -261,7 +237,10 @@ EvmStatus_t EvmEventAutoExtendName(EvmEvent_t event, EvmUint32_t* added) {
     if (!skip) {
       std::size_t size = var.type == EvmTYPE_STRING ? var.length + 1 : var.type == EvmTYPE_OPAQUE ? 8 : 64;
       text.resize(size);
-      _evmVarValueText(&var, &text[0], size);
+      if (var.type == EvmTYPE_OPAQUE)
+        std::snprintf(&text[0], size, "OPAQUE");
+      else
+        EvmVarFormat(event, *p, &text[0], static_cast<EvmSize_t>(size), EvmFALSE);
       text.resize(std::strlen(text.c_str()));
     }
     EvmVarRelease(&var);

@@ -58,7 +58,5 @@ void _evmuiSetVal(const EvmVarStruct_t* var, EvmVarValue_t* value, const unsigne
 EvmStatus_t _evmuiVarGet(EvmEvent_t event, EvmVarStruct_t* var);
 // Whether `var` stands as a whole dot-separated component of `name`.
 bool _evmIsVarInName(const char* name, const char* var);
-// A variable's value as text, the way event formatting shows it.
-void _evmVarValueText(const EvmVarStruct_t* var, char* text, std::size_t size);
 
 #endif
