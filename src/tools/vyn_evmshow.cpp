@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "evm/libevm/evm.h"
+#include "platform/osl/osl_fd.h"
 #include "tools/evm_show_output.h"
 
 namespace {
@@ -46,26 +47,6 @@ constexpr long kFollowPollUs = 200 * 1000;
 constexpr std::size_t kReadChunk = 256 * 1024;
 constexpr std::size_t kControlEnd = EVM_OFF_CONTROL_SIZE + 4;  // enough to judge a head
 
-// One open descriptor, closed with its owner.
-class Fd {
- public:
-  explicit Fd(int fd = -1) : fd_(fd) {}
-  ~Fd() {
-    if (fd_ > 2) close(fd_);
-  }
-  Fd(const Fd&) = delete;
-  Fd& operator=(const Fd&) = delete;
-  Fd(Fd&& o) noexcept : fd_(o.fd_) { o.fd_ = -1; }
-  Fd& operator=(Fd&& o) noexcept {
-    std::swap(fd_, o.fd_);
-    return *this;
-  }
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
 // Reads a stream of event blocks through a window of bounded size, one block at a time. Bytes
 // that make no valid block are skipped up to the next valid block and reported once; what is
 // left at the end without making a block is reported as a torn end.
@@ -73,7 +54,7 @@ class BlockReader {
  public:
   enum Result { kEvent, kEnd, kError };
 
-  BlockReader(Fd fd, std::string name) : fd_(std::move(fd)), name_(std::move(name)), buf_(kReadChunk) {}
+  BlockReader(OslFd fd, std::string name) : fd_(std::move(fd)), name_(std::move(name)), buf_(kReadChunk) {}
 
   // The next valid event. `final` says that the input will not grow: a block cut short by its
   // end is then damage; otherwise it may still be coming, and the reader waits at it. `*owned`
@@ -204,7 +185,7 @@ class BlockReader {
     damageStart_ = -1;
   }
 
-  Fd fd_;
+  OslFd fd_;
   std::string name_;
   std::vector<unsigned char> buf_;
   std::vector<std::uint64_t> scratch_;  // the block of a borrowed event
@@ -407,9 +388,15 @@ bool readAll(BlockReader& reader, Shower& shower, bool final) {
   }
 }
 
-bool openInput(const std::string& path, Fd* fd, bool quiet = false) {
+bool openInput(const std::string& path, OslFd* fd, bool quiet = false) {
   if (path == "-") {
-    *fd = Fd(0);
+    // A copy, so that closing the input never closes the process's standard input.
+    int f = fcntl(0, F_DUPFD_CLOEXEC, 0);
+    if (f < 0) {
+      if (!quiet) message(evmshow::kMsgCannotRead, "Cannot read %s: %s", "standard input", std::strerror(errno));
+      return false;
+    }
+    *fd = OslFd(f);
     return true;
   }
   int f = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -417,7 +404,7 @@ bool openInput(const std::string& path, Fd* fd, bool quiet = false) {
     if (!quiet) message(evmshow::kMsgCannotRead, "Cannot read %s: %s", path.c_str(), std::strerror(errno));
     return false;
   }
-  *fd = Fd(f);
+  *fd = OslFd(f);
   return true;
 }
 
@@ -435,7 +422,7 @@ int follow(BlockReader reader, const std::string& path, Shower& shower) {
     if (path != "-" && replaced(path, reader.fd())) {
       // The daemon has rotated: the old file is finished first, then the new one from its start.
       if (!readAll(reader, shower, true)) return 1;
-      Fd fd;
+      OslFd fd;
       if (!openInput(path, &fd)) return 1;
       reader = BlockReader(std::move(fd), path);
       continue;
@@ -470,7 +457,7 @@ int main(int argc, char** argv) {
   int status = 0;
   for (std::size_t i = 0; i < inputs.size(); ++i) {
     bool last = i + 1 == inputs.size();
-    Fd fd;
+    OslFd fd;
     if (last && o.follow && inputs[i] != "-" && !openInput(inputs[i], &fd)) {
       // Like tail -F: a log that is not there yet is waited for.
       while (!openInput(inputs[i], &fd, true)) usleep(kFollowPollUs);

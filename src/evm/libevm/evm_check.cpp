@@ -1,6 +1,7 @@
 // Validation and checksum of events.
 #include "evm/libevm/evm_check.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
