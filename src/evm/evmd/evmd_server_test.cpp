@@ -90,7 +90,7 @@ class ServerTest : public ::testing::Test {
 };
 
 TEST_F(ServerTest, APostWhoseEventCouldNotBeWrittenOrSyncedIsAnsweredAsAFailure) {
-  options_.sync = evmd::SyncPolicy::EveryBatch;
+  options_.sync = evmd::SyncPolicy::Group;
   start();
   Raw c;
   ASSERT_EQ(c.connect(), 0);

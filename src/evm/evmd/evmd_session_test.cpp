@@ -14,7 +14,7 @@ namespace {
 using evmdtest::Bytes;
 
 struct Recorder : evmd::SessionSink {
-  void accepted(const EvmEventHead_t*, std::uint32_t size) override { sizes.push_back(size); }
+  void accepted(const EvmEventHead_t*, std::uint32_t size, const char*) override { sizes.push_back(size); }
   void answer(const EvmCommHead_t& h, bool acceptedPost) override {
     answers.push_back(h);
     if (acceptedPost) ++acceptedPosts;
