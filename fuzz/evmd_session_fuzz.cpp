@@ -79,6 +79,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const evmd::LogError&) {
       std::abort();
     }
+    log.absorb();
+    for (const auto& o : log.takeOutcomes())
+      if (!o.ok) std::abort();
   }
   return 0;
 }
