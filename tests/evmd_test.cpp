@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -850,6 +851,65 @@ TEST_F(EvmdTest, TheLogRotatesAtItsSizeLimitAndKeepsEveryEventInOrderAcrossTheFi
     std::snprintf(name, sizeof name, "sys.zel.test.r%03d", i);
     EXPECT_EQ(names[i], name);
   }
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(EvmdTest, APosterThatReadsNoAnswersIsNoLongerReadFromAndOthersAreServed) {
+  Daemon d(home_);
+  long before = d.rssKiB();
+  RawClient greedy;
+  ASSERT_TRUE(greedy.connect());
+  EvmEvent_t ev = named("sys.zel.test.greedy");
+  auto block = blockOf(ev);
+  EvmEventDestroy(ev);
+  EvmCommHead_t h = evmCommHead(EvmCOMM_POST_REQ, 0, 1, static_cast<std::uint32_t>(block.size()));
+  std::vector<unsigned char> pair(reinterpret_cast<unsigned char*>(&h), reinterpret_cast<unsigned char*>(&h) + sizeof h);
+  pair.insert(pair.end(), block.begin(), block.end());
+  // Posts as fast as the daemon takes them, never reading an answer, until it takes no more.
+  const int fd = xpcfd(greedy.con());
+  long sent = 0;
+  std::size_t partial = 0;
+  auto start = std::chrono::steady_clock::now(), lastProgress = start;
+  while (std::chrono::steady_clock::now() - lastProgress < std::chrono::milliseconds(500) &&
+         std::chrono::steady_clock::now() - start < std::chrono::seconds(20)) {
+    ssize_t n = send(fd, pair.data() + partial, pair.size() - partial, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      partial += static_cast<std::size_t>(n);
+      if (partial == pair.size()) {
+        ++sent;
+        partial = 0;
+      }
+      lastProgress = std::chrono::steady_clock::now();
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      usleep(1000);
+    } else {
+      FAIL() << "the daemon cut the poster off";
+    }
+  }
+  ASSERT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << "the daemon read on without end";
+  long held = d.rssKiB() - before;
+  EXPECT_LT(held, 16 * 1024) << "KiB more resident after " << sent << " unanswered posts";
+  // Everyone else is served meanwhile.
+  post("sys.zel.test.other");
+  // Once it reads, it gets every answer, and the daemon reads on.
+  while (partial != 0 && partial < pair.size()) {
+    ssize_t n = send(fd, pair.data() + partial, pair.size() - partial, MSG_NOSIGNAL);
+    ASSERT_GT(n, 0);
+    partial += static_cast<std::size_t>(n);
+  }
+  if (partial == pair.size()) ++sent;
+  long answered = 0;
+  while (answered < sent) {
+    EvmCommHead_t a = greedy.answer();
+    ASSERT_EQ(a.type, static_cast<std::uint32_t>(EvmCOMM_POST_RSP)) << answered << " of " << sent;
+    ASSERT_EQ(a.flags, 0u);
+    ++answered;
+  }
+  EXPECT_EQ(d.stop(), 0);
+  EXPECT_EQ(loggedNames(home_).size(), static_cast<std::size_t>(sent + 1));
 }
 
 }  // namespace
