@@ -775,7 +775,10 @@ TEST_F(EvmdTest, ASlowListenerIsToldHowManyEventsItMissedAndStaysConnected) {
   for (int i = 0; i < kPosted; ++i) post("sys.zel.test.big" + std::to_string(i), text);
   long rss = d.rssKiB();
   // What the daemon holds for the listener stays near its bound (4 MiB), not the 15 MB posted.
-  EXPECT_LT(rss - before, 10 * 1024) << before << " KiB resident before, " << rss << " KiB while the listener did not read";
+  // (A sanitized daemon keeps freed memory in quarantine: its resident size says nothing here.)
+  if (!kSanitized) {
+    EXPECT_LT(rss - before, 10 * 1024) << before << " KiB resident before, " << rss << " KiB while the listener did not read";
+  }
   post("sys.zel.test.small.wait");
   ASSERT_TRUE(dispatchUntil(l, seen, "E:sys.zel.test.small.wait")) << "the slow listener was cut off";
   post("sys.zel.test.small.after");
@@ -891,7 +894,9 @@ TEST_F(EvmdTest, APosterThatReadsNoAnswersIsNoLongerReadFromAndOthersAreServed) 
   }
   ASSERT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20)) << "the daemon read on without end";
   long held = d.rssKiB() - before;
-  EXPECT_LT(held, 16 * 1024) << "KiB more resident after " << sent << " unanswered posts";
+  if (!kSanitized) {
+    EXPECT_LT(held, 16 * 1024) << "KiB more resident after " << sent << " unanswered posts";
+  }
   // Everyone else is served meanwhile.
   post("sys.zel.test.other");
   // Once it reads, it gets every answer, and the daemon reads on.

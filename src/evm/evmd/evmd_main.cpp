@@ -26,7 +26,7 @@ const char kUsage[] =
     "  -sync        batch (default): no answer leaves before an fdatasync covered its event,\n"
     "               posters that arrive during one sync share the next;\n"
     "               interval: answer once written, fdatasync at most every -syncms (200)\n"
-    "  -logsize     start a new events.log when it would grow past this (64M);\n"
+    "  -logsize     start a new events.log when it would grow past this (64M)\n"
     "  -logkeep     rotated logs kept, events.log.1 the newest (8)\n"
     "  -maxclients  connections taken in all (1000); -maxperuser: from one user (128)\n";
 
