@@ -481,6 +481,8 @@ void Server::flushOut(Client& c) {
     if (c.dead || c.outStart < c.out.size()) break;
     c.out.clear();
     c.outStart = 0;
+    // The room of a burst is given back rather than kept for an idle client.
+    if (c.out.capacity() > kMaxBacklog) std::vector<unsigned char>().swap(c.out);
     if (c.session.closing()) return drop(c);
     // Everything it was owed is out: a listener that lost events hears of it now.
     if (c.lost == 0 || !c.waiting.empty() || !c.held.bytes.empty()) break;
@@ -616,6 +618,8 @@ void Server::run() {
         if (it == clients_.end()) continue;
         Client& c = *it->second;
         if (events[i].events & EPOLLOUT) flushOut(c);
+        // A client not read from that hangs up can be owed nothing more.
+        if (c.readPaused && (events[i].events & (EPOLLHUP | EPOLLERR))) drop(c);
         if (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) readFrom(c);
       }
     }
