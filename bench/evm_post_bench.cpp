@@ -11,7 +11,9 @@
 //   AppendSync        one writer appending a typical event's bytes and fdatasync-ing, round after
 //                     round, beside the daemon's log: what the disk allows. With 8 posters one sync
 //                     can cover at most 8 events, so group commit's bound is
-//                     min(bare server, 8 x AppendSync); the summary line says how near it comes.
+//                     min(bare server, 8 x AppendSync). The disk's rate drifts with the machine's
+//                     other load, so the two alternate in three passes, each pass judged against
+//                     its own disk figure; the summary gives each pass's ratio and their median.
 //   WorstLatency/*    a good poster's slowest post (counter max_us) and the daemon's resident
 //                     memory (rss_kib): alone, and while 100 hostile clients sit on the daemon:
 //                     50 that announced the longest event taken and sent 48 bytes of it, and 50
@@ -367,10 +369,7 @@ BENCHMARK(BM_PostOpen_Daemon);
 BENCHMARK(BM_ConnectPost_Raw);
 BENCHMARK(BM_ConnectPost_Daemon);
 BENCHMARK(BM_Throughput_Bare)->Threads(8)->UseRealTime()->MinTime(2.0);
-// The disk's rounds right before the daemon that depends on them: other load on the machine
-// changes both alike.
-BENCHMARK(BM_AppendSync)->UseRealTime()->MinTime(2.0);
-BENCHMARK(BM_Throughput_Daemon)->Threads(8)->UseRealTime()->MinTime(2.0);
+// BM_AppendSync and BM_Throughput_Daemon are registered in main, in alternating passes.
 BENCHMARK(BM_Throughput_DaemonInterval)->Threads(8)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_WorstLatency_Alone)->Iterations(5000)->UseRealTime();
 BENCHMARK(BM_WorstLatency_Flooded)->Iterations(5000)->UseRealTime();
@@ -458,17 +457,34 @@ int main(int argc, char** argv) {
     if (ok) break;
     sched_yield();
   }
+  constexpr int kPasses = 3;
+  for (int pass = 1; pass <= kPasses; ++pass) {
+    std::string tag = "/pass" + std::to_string(pass);
+    benchmark::RegisterBenchmark(("BM_AppendSync" + tag).c_str(), BM_AppendSync)->UseRealTime()->MinTime(1.0);
+    benchmark::RegisterBenchmark(("BM_Throughput_Daemon" + tag).c_str(), BM_Throughput_Daemon)
+        ->Threads(8)
+        ->UseRealTime()
+        ->MinTime(1.0);
+  }
   benchmark::Initialize(&argc, argv);
   Summary summary;
   benchmark::RunSpecifiedBenchmarks(&summary);
   benchmark::Shutdown();
-  double daemon = summary.rate("BM_Throughput_Daemon/"), bare = summary.rate("BM_Throughput_Bare/"),
-         rounds = summary.rate("BM_AppendSync/");
-  if (daemon > 0 && bare > 0 && rounds > 0) {
+  double bare = summary.rate("BM_Throughput_Bare/");
+  std::vector<double> ratios;
+  for (int pass = 1; pass <= kPasses && bare > 0; ++pass) {
+    std::string tag = "/pass" + std::to_string(pass) + "/";
+    double daemon = summary.rate("BM_Throughput_Daemon" + tag), rounds = summary.rate("BM_AppendSync" + tag);
+    if (daemon <= 0 || rounds <= 0) continue;
     double bound = std::min(bare, 8 * rounds);
-    std::printf("\ngroup commit: %.0f posts/s with 8 waiting posters; bare server %.0f/s, append+fdatasync %.0f "
-                "rounds/s (x8 = %.0f); achieved / min(bare, 8 x rounds) = %.0f%%\n",
-                daemon, bare, rounds, 8 * rounds, 100 * daemon / bound);
+    ratios.push_back(daemon / bound);
+    std::printf("%sgroup commit pass %d: %.0f posts/s with 8 waiting posters; bare server %.0f/s, append+fdatasync "
+                "%.0f rounds/s (x8 = %.0f); achieved / min(bare, 8 x rounds) = %.0f%%\n",
+                pass == 1 ? "\n" : "", pass, daemon, bare, rounds, 8 * rounds, 100 * daemon / bound);
+  }
+  if (!ratios.empty()) {
+    std::sort(ratios.begin(), ratios.end());
+    std::printf("group commit: median achieved / min(bare, 8 x rounds) = %.0f%%\n", 100 * ratios[ratios.size() / 2]);
   }
   kill(g_daemon, SIGTERM);
   kill(g_intervalDaemon, SIGTERM);
