@@ -189,6 +189,29 @@ TEST_F(EventLogTest, RotationDropsTheOldestBeyondTheKeptCount) {
   EXPECT_NE(access((log() + ".new").c_str(), F_OK), 0);
 }
 
+TEST_F(EventLogTest, ARotationThatCannotMakeTheNewLogFailsItsBatchAndMovesNothing) {
+  Bytes a = evmdtest::block("sys.zel.test.a");
+  evmd::LogLimits limits;
+  limits.maxBytes = a.size();
+  evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_, limits);
+  l.add(a.data(), a.size());
+  l.commit();
+  std::string before = evmdtest::slurp(log());
+  // Something in the way of the new log's name.
+  ASSERT_EQ(mkdir((log() + ".new").c_str(), 0700), 0);
+  l.add(a.data(), a.size());
+  EXPECT_THROW(l.commit(), evmd::LogError);
+  EXPECT_EQ(evmdtest::slurp(log()), before);
+  EXPECT_NE(access((log() + ".1").c_str(), F_OK), 0);
+  ASSERT_EQ(rmdir((log() + ".new").c_str()), 0);
+  Bytes b = evmdtest::block("sys.zel.test.b");
+  l.add(b.data(), b.size());
+  l.commit();
+  l.sync();
+  EXPECT_EQ(evmdtest::names(log() + ".1"), std::vector<std::string>{"sys.zel.test.a"});
+  EXPECT_EQ(evmdtest::names(log()), std::vector<std::string>{"sys.zel.test.b"});
+}
+
 TEST_F(EventLogTest, UnderIntervalSyncsTheDueSyncFailsItsBatchAndAPlainSyncReportsFailure) {
   Bytes a = evmdtest::block("sys.zel.test.a");
   evmd::EventLog l(log(), evmd::SyncPolicy::Interval, 0, io_);
