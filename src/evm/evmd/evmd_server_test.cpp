@@ -189,6 +189,23 @@ TEST_F(ServerTest, NoAnswerLeavesBeforeAFinishedSyncCoversItsEventAndWaitingPost
   EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), static_cast<std::size_t>(kPosters * kEach));
 }
 
+TEST_F(ServerTest, UnderTheIntervalPolicyAnswersLeaveOnceWrittenAndSyncsWaitForTheInterval) {
+  WatchedIo io;
+  options_.logIo = &io;
+  options_.sync = evmd::SyncPolicy::Interval;
+  options_.syncIntervalMs = 60000;
+  start();
+  Raw c;
+  ASSERT_EQ(c.connect(), 0);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(c.post(evmdtest::block("sys.zel.test.i" + std::to_string(i)), 1), 0u);
+  EXPECT_LE(io.syncs(), 1) << "the interval policy synced per post";
+  server_->requestStop();
+  thread_.join();
+  server_.reset();
+  EXPECT_TRUE(io.durable("sys.zel.test.i19")) << "the stop did not sync what was written";
+  EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), 20u);
+}
+
 TEST_F(ServerTest, ConnectionsAreCappedPerUserAndAPlaceIsFreedWhenOneEnds) {
   options_.maxClientsPerUser = 2;
   start();
