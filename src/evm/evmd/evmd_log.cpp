@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -72,10 +73,15 @@ LogIo& LogIo::system() {
   return io;
 }
 
-// The sync thread of group commit. The loop hands it one descriptor at a time and goes on; the
-// thread syncs it and says so through an eventfd, which the loop watches with its clients.
+// The sync thread of group commit. The loop hands it a descriptor and goes on writing, telling it
+// of each write; the thread syncs and says so through an eventfd, which the loop watches with
+// its clients. A sync covers the writes made before fdatasync is called, so the thread may hold
+// the call a moment for the posters it expects: those just answered, who are about to post again.
+// It holds at most `holdUs` and never once the loop asks it to hurry.
 class EventLog::Syncer {
  public:
+  using Result = SyncResult;
+
   explicit Syncer(LogIo& io) : io_(io), done_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!done_) throw LogError("cannot start the event log's sync thread: " + errText());
     // Signals are the loop's business: the thread starts with all of them blocked.
@@ -94,30 +100,59 @@ class EventLog::Syncer {
     thread_.join();
   }
   int doneFd() const { return done_.get(); }
-  void start(int fd) {
+  // A write of `count` events ended at `mark`, leaving the file `size` bytes long.
+  void wrote(std::uint64_t mark, off_t size, std::uint64_t events, std::uint64_t count) {
+    bool enough;
+    {
+      std::lock_guard<std::mutex> l(m_);
+      latest_.mark = mark;
+      latest_.size = size;
+      latest_.events = events;
+      latest_.count += count;
+      enough = latest_.count >= expect_;
+    }
+    if (enough) cv_.notify_all();
+  }
+  // Everything written was taken back: nothing is pending.
+  void forget() {
+    std::lock_guard<std::mutex> l(m_);
+    latest_.count = 0;
+  }
+  // Starts a sync of `fd`, held until `expect` events are pending (`plusPending`: beyond those
+  // pending now) or `holdUs` passed.
+  void start(int fd, std::uint64_t expect, bool plusPending, long long holdUs) {
     {
       std::lock_guard<std::mutex> l(m_);
       fd_ = fd;
+      expect_ = expect + (plusPending ? latest_.count : 0);
+      holdUs_ = holdUs;
       job_ = true;
     }
     cv_.notify_all();
   }
-  // Whether the sync ended; then `*error` is its errno, 0 for success.
-  bool finished(int* error) {
+  void hurry() {
+    {
+      std::lock_guard<std::mutex> l(m_);
+      hurry_ = true;
+    }
+    cv_.notify_all();
+  }
+  // Whether the sync ended; then `*r` says what it covered.
+  bool finished(Result* r) {
     std::uint64_t n;
     while (read(done_.get(), &n, sizeof n) > 0) {
     }
     std::lock_guard<std::mutex> l(m_);
     if (!finished_) return false;
     finished_ = false;
-    *error = error_;
+    *r = result_;
     return true;
   }
-  void waitFinished(int* error) {
+  void waitFinished(Result* r) {
     std::unique_lock<std::mutex> l(m_);
     cv_.wait(l, [this] { return finished_; });
     finished_ = false;
-    *error = error_;
+    *r = result_;
   }
 
  private:
@@ -127,11 +162,19 @@ class EventLog::Syncer {
       cv_.wait(l, [this] { return quit_ || job_; });
       if (!job_) return;
       job_ = false;
+      if (holdUs_ > 0)
+        cv_.wait_for(l, std::chrono::microseconds(holdUs_),
+                     [this] { return quit_ || hurry_ || latest_.count >= expect_; });
+      hurry_ = false;
+      Result r = latest_;
+      latest_.count = 0;
       int fd = fd_;
       l.unlock();
-      int e = io_.fdatasync(fd) == 0 ? 0 : (errno != 0 ? errno : EIO);
+      auto t0 = std::chrono::steady_clock::now();
+      r.error = io_.fdatasync(fd) == 0 ? 0 : (errno != 0 ? errno : EIO);
+      r.micros = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
       l.lock();
-      error_ = e;
+      result_ = r;
       finished_ = true;
       cv_.notify_all();
       std::uint64_t one = 1;
@@ -145,9 +188,12 @@ class EventLog::Syncer {
   OslFd done_;
   std::mutex m_;
   std::condition_variable cv_;
+  Result latest_;  // the last write, and the events written since the last sync began
+  Result result_;
   int fd_ = -1;
-  bool job_ = false, finished_ = false, quit_ = false;
-  int error_ = 0;
+  std::uint64_t expect_ = 0;
+  long long holdUs_ = 0;
+  bool job_ = false, hurry_ = false, finished_ = false, quit_ = false;
   std::thread thread_;
 };
 
@@ -377,7 +423,8 @@ std::uint64_t EventLog::commit() {
     settled_ = written_;
     outcomes_.push_back({written_, true});
   } else {
-    startSync();
+    syncer_->wrote(written_, size_, events_, count);
+    startSync(false);
   }
   return written_;
 }
@@ -390,24 +437,25 @@ std::vector<EventLog::Outcome> EventLog::takeOutcomes() {
 
 int EventLog::syncDoneFd() const { return syncer_ ? syncer_->doneFd() : -1; }
 
-// Group: hands everything written so far to the sync thread, unless a sync runs (the writes then
-// wait for the next one) or nothing waits.
-void EventLog::startSync() {
+// Group: hands what is written to the sync thread, unless a sync runs (the writes then wait for
+// the next one) or nothing waits. Posters answered by the last sync are expected back: the sync
+// is held for them (as long as a sync took, at most 2 ms), on top of what already waits when the
+// start follows a sync. `now`: no holding.
+void EventLog::startSync(bool now, bool afterSync) {
   if (syncing_ || written_ == settled_) return;
   syncing_ = true;
-  syncMark_ = written_;
-  syncSize_ = size_;
-  syncEvents_ = events_;
-  syncer_->start(fd_.get());
+  syncer_->start(fd_.get(), now ? 0 : lastCovered_, afterSync, now ? 0 : std::min<long long>(lastSyncUs_, 2000));
 }
 
-void EventLog::settle(int error) {
+void EventLog::settle(const SyncResult& r) {
   syncing_ = false;
   lastSyncMs_ = nowMs();
-  if (error == 0) {
-    settled_ = syncMark_;
-    durableSize_ = syncSize_;
-    durableEvents_ = syncEvents_;
+  if (r.error == 0) {
+    settled_ = r.mark;
+    durableSize_ = r.size;
+    durableEvents_ = r.events;
+    lastCovered_ = r.count;
+    lastSyncUs_ = r.micros;
     outcomes_.push_back({settled_, true});
   } else {
     // What the sync was to cover may be lost whatever the file says now, and what was written
@@ -416,21 +464,24 @@ void EventLog::settle(int error) {
     size_ = durableSize_;
     events_ = durableEvents_;
     settled_ = written_;
+    lastCovered_ = 0;
+    syncer_->forget();
     outcomes_.push_back({settled_, false});
   }
-  startSync();
+  startSync(false, true);
 }
 
 void EventLog::absorb() {
-  int error = 0;
-  if (syncing_ && syncer_->finished(&error)) settle(error);
+  SyncResult r;
+  if (syncing_ && syncer_->finished(&r)) settle(r);
 }
 
 void EventLog::waitIdle() {
   while (syncing_) {
-    int error = 0;
-    syncer_->waitFinished(&error);
-    settle(error);
+    syncer_->hurry();
+    SyncResult r;
+    syncer_->waitFinished(&r);
+    settle(r);
   }
 }
 
@@ -447,7 +498,7 @@ void EventLog::syncNow() {
 
 void EventLog::sync() {
   if (policy_ == SyncPolicy::Group) {
-    startSync();
+    startSync(true);
     waitIdle();
     return;
   }
@@ -463,7 +514,7 @@ int EventLog::msUntilSyncDue() const {
 void EventLog::rotate() {
   // Whatever the old file holds is synced before it leaves the name readers follow.
   if (policy_ == SyncPolicy::Group) {
-    startSync();
+    startSync(true);
     waitIdle();
   } else if (dirty_) {
     syncNow();
@@ -493,7 +544,7 @@ void EventLog::rotate() {
   }
   syncDirOf(path_);
   fd_ = std::move(next);
-  size_ = durableSize_ = syncSize_ = 0;
+  size_ = durableSize_ = 0;
 }
 
 }  // namespace evmd

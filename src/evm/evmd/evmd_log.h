@@ -8,8 +8,10 @@
 //
 // Durability. SyncPolicy::Group (the default) acknowledges only what is synced: a sync thread
 // runs fdatasync while the loop goes on writing; a sync covers every write made before it began,
-// and when it ends the next one starts at once if writes came meanwhile. So one fdatasync covers
-// every poster that waited during the previous one, and none waits for a sync of its own.
+// and when it ends the next one starts if writes came meanwhile. So one fdatasync covers every
+// poster that waited during the previous one, and none waits for a sync of its own. The thread
+// may hold a sync briefly (no longer than the last sync took, at most 2 ms) until the posters the
+// last sync answered have posted again, so that waiting posters stay in one group.
 // SyncPolicy::Interval settles a mark as soon as it is written and syncs at most every
 // `intervalMs` and at close: an acknowledged event survives the daemon's death but not a crash of
 // the machine inside the interval. A failed write fails its own batch (its bytes are taken back);
@@ -107,6 +109,15 @@ class EventLog {
 
  private:
   class Syncer;
+  // What one sync covered, and how it went.
+  struct SyncResult {
+    std::uint64_t mark = 0;
+    off_t size = 0;
+    std::uint64_t events = 0;  // the log's count of events after the covered writes
+    std::uint64_t count = 0;   // events the sync covered
+    long long micros = 0;      // the fdatasync's own time
+    int error = 0;
+  };
   struct Span {
     off_t begin, end;
   };
@@ -119,8 +130,8 @@ class EventLog {
   void writeAll(int fd, const unsigned char* p, std::size_t n);
   void copySpan(const Span& s, int out);
   void rotate();
-  void startSync();
-  void settle(int error);
+  void startSync(bool now, bool afterSync = false);
+  void settle(const SyncResult& r);
   void waitIdle();
   void syncNow();
 
@@ -139,10 +150,10 @@ class EventLog {
   std::uint64_t written_ = 0;   // marks handed out
   std::uint64_t settled_ = 0;   // marks whose outcome is known
   std::vector<Outcome> outcomes_;
-  // Group: the sync in flight, and what the file held when it began.
+  // Group: whether a sync is in flight, and what the last one covered and took.
   bool syncing_ = false;
-  std::uint64_t syncMark_ = 0, syncEvents_ = 0;
-  off_t syncSize_ = 0;
+  std::uint64_t lastCovered_ = 0;
+  long long lastSyncUs_ = 0;
   off_t durableSize_ = 0;  // the file's length covered by the last good sync
   std::uint64_t durableEvents_ = 0;
   std::uint64_t removed_ = 0;
