@@ -456,6 +456,8 @@ void EventLog::settle(const SyncResult& r) {
     durableEvents_ = r.events;
     lastCovered_ = r.count;
     lastSyncUs_ = r.micros;
+    ++syncs_;
+    syncedEvents_ += r.count;
     outcomes_.push_back({settled_, true});
   } else {
     // What the sync was to cover may be lost whatever the file says now, and what was written

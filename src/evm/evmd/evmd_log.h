@@ -103,6 +103,9 @@ class EventLog {
 
   const std::string& path() const { return path_; }
   std::uint64_t events() const { return events_; }
+  // Group: the syncs that succeeded, and the events they covered.
+  std::uint64_t syncs() const { return syncs_; }
+  std::uint64_t syncedEvents() const { return syncedEvents_; }
   // What the repair at open did: bytes taken out of the log, and the files they went to.
   std::uint64_t removedBytes() const { return removed_; }
   const std::vector<std::string>& damagedFiles() const { return damagedFiles_; }
@@ -153,6 +156,7 @@ class EventLog {
   // Group: whether a sync is in flight, and what the last one covered and took.
   bool syncing_ = false;
   std::uint64_t lastCovered_ = 0;
+  std::uint64_t syncs_ = 0, syncedEvents_ = 0;
   long long lastSyncUs_ = 0;
   off_t durableSize_ = 0;  // the file's length covered by the last good sync
   std::uint64_t durableEvents_ = 0;

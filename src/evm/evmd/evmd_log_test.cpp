@@ -136,6 +136,8 @@ TEST_F(EventLogTest, WritesMadeWhileASyncRunsWaitAndShareTheNextOne) {
   l.absorb();
   EXPECT_EQ(outcomes(l), "6:ok ") << "one sync covers the five that waited";
   EXPECT_EQ(io.started(), 2);
+  EXPECT_EQ(l.syncs(), 2u);
+  EXPECT_EQ(l.syncedEvents(), 6u);
 }
 
 TEST_F(EventLogTest, RotationKeepsEveryEventWholeAndInOrderAcrossTheFiles) {

@@ -640,7 +640,10 @@ void Server::run() {
   traceLine(" vyn_evmd stopped: " + std::to_string(stats_.accepted) + " accepted, " + std::to_string(stats_.rejected) +
                 " rejected, " + std::to_string(stats_.invalid) + " invalid, " + std::to_string(stats_.clients) +
                 " clients, " + std::to_string(stats_.dropped) + " dropped, " + std::to_string(stats_.turnedAway) +
-                " turned away, " + std::to_string(stats_.lost) + " events lost by slow listeners",
+                " turned away, " + std::to_string(stats_.lost) + " events lost by slow listeners" +
+                (log_.syncs() > 0 ? ", " + std::to_string(log_.syncedEvents()) + " events synced in " +
+                                        std::to_string(log_.syncs()) + " syncs"
+                                  : std::string()),
             false);
 }
 
