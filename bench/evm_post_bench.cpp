@@ -4,9 +4,16 @@
 //                     writes the head and the block and reads the 88-byte answer itself
 //   ConnectPost/*     connect, post, wait, disconnect as the command does it; raw: the same five
 //                     messages by hand on a fresh socket
-//   Throughput/*      8 threads, each on its own connection, posting through the library; to the
-//                     daemon, and to a bare epoll server that answers the same messages and does
-//                     nothing else
+//   Throughput/*      8 threads, each on its own connection, posting through the library and
+//                     waiting for each answer; to the daemon (durable default: group commit), to a
+//                     second daemon with -sync interval, and to a bare epoll server that answers
+//                     the same messages and does nothing else
+//   AppendSync        one writer appending a typical event's bytes and fdatasync-ing, round after
+//                     round, beside the daemon's log: what the disk allows. With 8 posters one sync
+//                     can cover at most 8 events, so group commit's bound is
+//                     min(bare server, 8 x AppendSync). The disk's rate drifts with the machine's
+//                     other load, so the two alternate in three passes, each pass judged against
+//                     its own disk figure; the summary gives each pass's ratio and their median.
 //   WorstLatency/*    a good poster's slowest post (counter max_us) and the daemon's resident
 //                     memory (rss_kib): alone, and while 100 hostile clients sit on the daemon:
 //                     50 that announced the longest event taken and sent 48 bytes of it, and 50
@@ -31,6 +38,7 @@
 #include <string>
 #include <memory>
 #include <thread>
+#include <map>
 #include <unordered_map>
 #include <vector>
 
@@ -40,7 +48,8 @@ namespace {
 
 std::string g_dir;
 std::string g_bareAddr = "(ADDRESS=(PROTOCOL=ipc)(KEY=bench.bare))";
-pid_t g_daemon = -1, g_bare = -1;
+std::string g_intervalAddr;
+pid_t g_daemon = -1, g_bare = -1, g_intervalDaemon = -1;
 
 EvmEvent_t typicalEvent() {
   EvmEvent_t ev = nullptr;
@@ -238,6 +247,25 @@ void throughput(benchmark::State& state, const char* address) {
 
 void BM_Throughput_Bare(benchmark::State& state) { throughput(state, g_bareAddr.c_str()); }
 void BM_Throughput_Daemon(benchmark::State& state) { throughput(state, nullptr); }
+void BM_Throughput_DaemonInterval(benchmark::State& state) { throughput(state, g_intervalAddr.c_str()); }
+
+// Small append + fdatasync rounds on the log's file system.
+void BM_AppendSync(benchmark::State& state) {
+  auto block = typicalBlock();
+  std::string path = g_dir + "/home/log/evm/append.bench";
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+  if (fd < 0) {
+    state.SkipWithError("cannot open a file beside the log");
+    return;
+  }
+  for (auto _ : state) {
+    if (write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size()) || fdatasync(fd) != 0)
+      state.SkipWithError("append or fdatasync failed");
+  }
+  state.SetItemsProcessed(state.iterations());
+  close(fd);
+  unlink(path.c_str());
+}
 
 long daemonRssKiB() {
   FILE* f = std::fopen(("/proc/" + std::to_string(g_daemon) + "/status").c_str(), "r");
@@ -341,12 +369,14 @@ BENCHMARK(BM_PostOpen_Daemon);
 BENCHMARK(BM_ConnectPost_Raw);
 BENCHMARK(BM_ConnectPost_Daemon);
 BENCHMARK(BM_Throughput_Bare)->Threads(8)->UseRealTime()->MinTime(2.0);
-BENCHMARK(BM_Throughput_Daemon)->Threads(8)->UseRealTime()->MinTime(2.0);
+// BM_AppendSync and BM_Throughput_Daemon are registered in main, in alternating passes.
+BENCHMARK(BM_Throughput_DaemonInterval)->Threads(8)->UseRealTime()->MinTime(2.0);
 BENCHMARK(BM_WorstLatency_Alone)->Iterations(5000)->UseRealTime();
 BENCHMARK(BM_WorstLatency_Flooded)->Iterations(5000)->UseRealTime();
 
-// Starts vyn_evmd (beside this program's build: ../bin) with the given extra argument.
-pid_t startDaemon(const std::string& self, const char* syncMode) {
+// Starts vyn_evmd (beside this program's build: ../bin) with `-sync syncMode`, its home and
+// local address set by the environment given.
+pid_t startDaemon(const std::string& self, const char* syncMode, const std::vector<std::string>& env) {
   std::string prog = std::filesystem::path(self).parent_path().string() + "/../bin/vyn_evmd";
   int fds[2];
   if (pipe(fds) != 0) return -1;
@@ -354,6 +384,7 @@ pid_t startDaemon(const std::string& self, const char* syncMode) {
   if (pid == 0) {
     dup2(fds[1], 1);
     close(fds[0]);
+    for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
     execl(prog.c_str(), prog.c_str(), "-sync", syncMode, static_cast<char*>(nullptr));
     _exit(98);
   }
@@ -365,24 +396,53 @@ pid_t startDaemon(const std::string& self, const char* syncMode) {
   return up ? pid : -1;
 }
 
+// The console's report, and the rates it saw, for the summary.
+class Summary : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& r : runs) {
+      auto it = r.counters.find("items_per_second");
+      if (it != r.counters.end() && !r.error_occurred) rates[r.benchmark_name()] = it->second.value;
+    }
+  }
+  double rate(const std::string& prefix) const {
+    for (const auto& kv : rates)
+      if (kv.first.rfind(prefix, 0) == 0) return kv.second;
+    return 0;
+  }
+  std::map<std::string, double> rates;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  char tmpl[] = "/tmp/evm_post_bench.XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) return 1;
+  // VYN_BENCH_DIR: where the daemons' logs go (default /tmp); put it on the file system whose
+  // syncs are to be measured.
+  const char* base = std::getenv("VYN_BENCH_DIR");
+  std::string tmpl = std::string(base != nullptr && *base ? base : "/tmp") + "/evm_post_bench.XXXXXX";
+  if (mkdtemp(&tmpl[0]) == nullptr) return 1;
   g_dir = tmpl;
   std::filesystem::create_directories(g_dir + "/ipc");
-  std::filesystem::create_directories(g_dir + "/home/log");
+  std::filesystem::create_directories(g_dir + "/home/log/evm");
+  std::filesystem::create_directories(g_dir + "/home2/log/evm");
   setenv("VYN_IPC_DIR", (g_dir + "/ipc").c_str(), 1);
   setenv("ZEL_VYN_HOME", (g_dir + "/home").c_str(), 1);
   setenv("VYN_REGISTRY", (g_dir + "/none.db").c_str(), 1);
   unsetenv("GMX_CLUSTERNAME");
-  // VYN_BENCH_SYNC=batch measures the daemon with an fdatasync before every round's answers.
+  // VYN_BENCH_SYNC=interval measures the first daemon with the old interval policy.
   const char* sync = std::getenv("VYN_BENCH_SYNC");
   g_bare = fork();
   if (g_bare == 0) bareServer(g_dir + "/ipc/bench.bare");
-  g_daemon = startDaemon(argv[0], sync != nullptr ? sync : "interval");
-  if (g_daemon < 0) {
+  g_daemon = startDaemon(argv[0], sync != nullptr ? sync : "batch", {});
+  // The second daemon: another home, and another address through the cluster's name.
+  setenv("GMX_CLUSTERNAME", "bench", 1);
+  char* address = _evmdConnString(0);
+  unsetenv("GMX_CLUSTERNAME");
+  g_intervalAddr = address != nullptr ? address : "";
+  std::free(address);
+  g_intervalDaemon = startDaemon(argv[0], "interval", {"GMX_CLUSTERNAME=bench", "ZEL_VYN_HOME=" + g_dir + "/home2"});
+  if (g_daemon < 0 || g_intervalDaemon < 0) {
     std::fprintf(stderr, "vyn_evmd did not start\n");
     return 1;
   }
@@ -397,12 +457,40 @@ int main(int argc, char** argv) {
     if (ok) break;
     sched_yield();
   }
+  constexpr int kPasses = 3;
+  for (int pass = 1; pass <= kPasses; ++pass) {
+    std::string tag = "/pass" + std::to_string(pass);
+    benchmark::RegisterBenchmark(("BM_AppendSync" + tag).c_str(), BM_AppendSync)->UseRealTime()->MinTime(1.0);
+    benchmark::RegisterBenchmark(("BM_Throughput_Daemon" + tag).c_str(), BM_Throughput_Daemon)
+        ->Threads(8)
+        ->UseRealTime()
+        ->MinTime(1.0);
+  }
   benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
+  Summary summary;
+  benchmark::RunSpecifiedBenchmarks(&summary);
   benchmark::Shutdown();
+  double bare = summary.rate("BM_Throughput_Bare/");
+  std::vector<double> ratios;
+  for (int pass = 1; pass <= kPasses && bare > 0; ++pass) {
+    std::string tag = "/pass" + std::to_string(pass) + "/";
+    double daemon = summary.rate("BM_Throughput_Daemon" + tag), rounds = summary.rate("BM_AppendSync" + tag);
+    if (daemon <= 0 || rounds <= 0) continue;
+    double bound = std::min(bare, 8 * rounds);
+    ratios.push_back(daemon / bound);
+    std::printf("%sgroup commit pass %d: %.0f posts/s with 8 waiting posters; bare server %.0f/s, append+fdatasync "
+                "%.0f rounds/s (x8 = %.0f); achieved / min(bare, 8 x rounds) = %.0f%%\n",
+                pass == 1 ? "\n" : "", pass, daemon, bare, rounds, 8 * rounds, 100 * daemon / bound);
+  }
+  if (!ratios.empty()) {
+    std::sort(ratios.begin(), ratios.end());
+    std::printf("group commit: median achieved / min(bare, 8 x rounds) = %.0f%%\n", 100 * ratios[ratios.size() / 2]);
+  }
   kill(g_daemon, SIGTERM);
+  kill(g_intervalDaemon, SIGTERM);
   kill(g_bare, SIGKILL);
   waitpid(g_daemon, nullptr, 0);
+  waitpid(g_intervalDaemon, nullptr, 0);
   waitpid(g_bare, nullptr, 0);
   std::filesystem::remove_all(g_dir);
   return 0;

@@ -25,8 +25,8 @@ class NullIo : public evmd::LogIo {
 
 struct Sink : evmd::SessionSink {
   explicit Sink(evmd::EventLog& log) : log(log) {}
-  void accepted(const EvmEventHead_t* block, std::uint32_t size) override {
-    if (size < EVM_OLD_HEAD_SIZE || size > EVM_MAX_EVENT_SIZE) std::abort();
+  void accepted(const EvmEventHead_t* block, std::uint32_t size, const char* name) override {
+    if (size < EVM_OLD_HEAD_SIZE || size > EVM_MAX_EVENT_SIZE || name == nullptr) std::abort();
     log.add(block, size);
   }
   void answer(const EvmCommHead_t& head, bool) override {
@@ -50,7 +50,7 @@ evmd::EventLog& theLog() {
     });
     return std::string(dir) + "/events.log";
   }();
-  static evmd::EventLog log(path, evmd::SyncPolicy::EveryBatch, 0, io);
+  static evmd::EventLog log(path, evmd::SyncPolicy::Group, 0, io);
   return log;
 }
 
@@ -79,6 +79,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const evmd::LogError&) {
       std::abort();
     }
+    log.absorb();
+    for (const auto& o : log.takeOutcomes())
+      if (!o.ok) std::abort();
   }
   return 0;
 }

@@ -2,12 +2,19 @@
 #include "evm/evmd/evmd_log.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -66,8 +73,133 @@ LogIo& LogIo::system() {
   return io;
 }
 
-EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, LogIo& io)
-    : path_(path), policy_(policy), intervalMs_(intervalMs), io_(io) {
+// The sync thread of group commit. The loop hands it a descriptor and goes on writing, telling it
+// of each write; the thread syncs and says so through an eventfd, which the loop watches with
+// its clients. A sync covers the writes made before fdatasync is called, so the thread may hold
+// the call a moment for the posters it expects: those just answered, who are about to post again.
+// It holds at most `holdUs` and never once the loop asks it to hurry.
+class EventLog::Syncer {
+ public:
+  using Result = SyncResult;
+
+  explicit Syncer(LogIo& io) : io_(io), done_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+    if (!done_) throw LogError("cannot start the event log's sync thread: " + errText());
+    // Signals are the loop's business: the thread starts with all of them blocked.
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &old);
+    thread_ = std::thread([this] { run(); });
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+  }
+  ~Syncer() {
+    {
+      std::lock_guard<std::mutex> l(m_);
+      quit_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+  }
+  int doneFd() const { return done_.get(); }
+  // A write of `count` events ended at `mark`, leaving the file `size` bytes long.
+  void wrote(std::uint64_t mark, off_t size, std::uint64_t events, std::uint64_t count) {
+    bool enough;
+    {
+      std::lock_guard<std::mutex> l(m_);
+      latest_.mark = mark;
+      latest_.size = size;
+      latest_.events = events;
+      latest_.count += count;
+      enough = latest_.count >= expect_;
+    }
+    if (enough) cv_.notify_all();
+  }
+  // Everything written was taken back: nothing is pending.
+  void forget() {
+    std::lock_guard<std::mutex> l(m_);
+    latest_.count = 0;
+  }
+  // Starts a sync of `fd`, held until `expect` events are pending (`plusPending`: beyond those
+  // pending now) or `holdUs` passed.
+  void start(int fd, std::uint64_t expect, bool plusPending, long long holdUs) {
+    {
+      std::lock_guard<std::mutex> l(m_);
+      fd_ = fd;
+      expect_ = expect + (plusPending ? latest_.count : 0);
+      holdUs_ = holdUs;
+      job_ = true;
+    }
+    cv_.notify_all();
+  }
+  void hurry() {
+    {
+      std::lock_guard<std::mutex> l(m_);
+      hurry_ = true;
+    }
+    cv_.notify_all();
+  }
+  // Whether the sync ended; then `*r` says what it covered.
+  bool finished(Result* r) {
+    std::uint64_t n;
+    while (read(done_.get(), &n, sizeof n) > 0) {
+    }
+    std::lock_guard<std::mutex> l(m_);
+    if (!finished_) return false;
+    finished_ = false;
+    *r = result_;
+    return true;
+  }
+  void waitFinished(Result* r) {
+    std::unique_lock<std::mutex> l(m_);
+    cv_.wait(l, [this] { return finished_; });
+    finished_ = false;
+    *r = result_;
+  }
+
+ private:
+  void run() {
+    std::unique_lock<std::mutex> l(m_);
+    for (;;) {
+      cv_.wait(l, [this] { return quit_ || job_; });
+      if (!job_) return;
+      job_ = false;
+      if (holdUs_ > 0)
+        cv_.wait_for(l, std::chrono::microseconds(holdUs_),
+                     [this] { return quit_ || hurry_ || latest_.count >= expect_; });
+      hurry_ = false;
+      Result r = latest_;
+      latest_.count = 0;
+      int fd = fd_;
+      l.unlock();
+      auto t0 = std::chrono::steady_clock::now();
+      r.error = io_.fdatasync(fd) == 0 ? 0 : (errno != 0 ? errno : EIO);
+      r.micros = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
+      l.lock();
+      result_ = r;
+      finished_ = true;
+      cv_.notify_all();
+      std::uint64_t one = 1;
+      if (write(done_.get(), &one, sizeof one) < 0) {
+        // The counter is full only if the loop stopped reading; the flag above still holds.
+      }
+    }
+  }
+
+  LogIo& io_;
+  OslFd done_;
+  std::mutex m_;
+  std::condition_variable cv_;
+  Result latest_;  // the last write, and the events written since the last sync began
+  Result result_;
+  int fd_ = -1;
+  std::uint64_t expect_ = 0;
+  long long holdUs_ = 0;
+  bool job_ = false, hurry_ = false, finished_ = false, quit_ = false;
+  std::thread thread_;
+};
+
+EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, LogIo& io, LogLimits limits)
+    : path_(path), policy_(policy), intervalMs_(intervalMs), io_(io), limits_(limits) {
+  if (limits_.keep < 1) limits_.keep = 1;
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
   // O_NONBLOCK only so that a FIFO put in the log's place can't hang the open; it is refused below.
@@ -81,16 +213,22 @@ EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, L
   if (!S_ISREG(st.st_mode)) throw LogError("the event log " + path + " is not a regular file");
   fcntl(fd_.get(), F_SETFL, fcntl(fd_.get(), F_GETFL) & ~O_NONBLOCK);
   repair();
+  durableSize_ = size_;
+  durableEvents_ = events_;
   lastSyncMs_ = nowMs();
+  if (policy_ == SyncPolicy::Group) syncer_ = std::make_unique<Syncer>(io_);
 }
 
 EventLog::~EventLog() {
   try {
     commit();
-    sync();
   } catch (const LogError&) {
     // Nothing is acknowledged from here on; what the last commit could not write is lost to
     // a daemon that is going away, and its posters were told.
+  }
+  try {
+    sync();
+  } catch (const LogError&) {
   }
 }
 
@@ -247,12 +385,13 @@ void EventLog::takeBack(off_t size) {
   }
 }
 
-void EventLog::commit() {
-  if (batch_.empty()) return;
+std::uint64_t EventLog::commit() {
+  if (batch_.empty()) return written_;
   std::vector<unsigned char> batch;
   batch.swap(batch_);
   std::size_t count = batchEvents_;
   batchEvents_ = 0;
+  if (limits_.maxBytes > 0 && size_ > 0 && static_cast<std::uint64_t>(size_) + batch.size() > limits_.maxBytes) rotate();
   const unsigned char* p = batch.data();
   std::size_t left = batch.size();
   while (left > 0) {
@@ -266,21 +405,90 @@ void EventLog::commit() {
     p += n;
     left -= static_cast<std::size_t>(n);
   }
-  dirty_ = true;
-  if (policy_ == SyncPolicy::EveryBatch || nowMs() - lastSyncMs_ >= intervalMs_) {
-    try {
-      sync();
-    } catch (const LogError&) {
-      takeBack(size_);
-      throw;
+  if (policy_ == SyncPolicy::Interval) {
+    dirty_ = true;
+    if (nowMs() - lastSyncMs_ >= intervalMs_) {
+      try {
+        syncNow();
+      } catch (const LogError&) {
+        takeBack(size_);
+        throw;
+      }
     }
   }
   size_ += static_cast<off_t>(batch.size());
   events_ += count;
+  ++written_;
+  if (policy_ == SyncPolicy::Interval) {
+    settled_ = written_;
+    outcomes_.push_back({written_, true});
+  } else {
+    syncer_->wrote(written_, size_, events_, count);
+    startSync(false);
+  }
+  return written_;
 }
 
-void EventLog::sync() {
-  if (!dirty_) return;
+std::vector<EventLog::Outcome> EventLog::takeOutcomes() {
+  std::vector<Outcome> out;
+  out.swap(outcomes_);
+  return out;
+}
+
+int EventLog::syncDoneFd() const { return syncer_ ? syncer_->doneFd() : -1; }
+
+// Group: hands what is written to the sync thread, unless a sync runs (the writes then wait for
+// the next one) or nothing waits. Posters answered by the last sync are expected back: the sync
+// is held for them (as long as a sync took, at most 2 ms), on top of what already waits when the
+// start follows a sync. `now`: no holding.
+void EventLog::startSync(bool now, bool afterSync) {
+  if (syncing_ || written_ == settled_) return;
+  syncing_ = true;
+  syncer_->start(fd_.get(), now ? 0 : lastCovered_, afterSync, now ? 0 : std::min<long long>(lastSyncUs_, 2000));
+}
+
+void EventLog::settle(const SyncResult& r) {
+  syncing_ = false;
+  lastSyncMs_ = nowMs();
+  if (r.error == 0) {
+    settled_ = r.mark;
+    durableSize_ = r.size;
+    durableEvents_ = r.events;
+    lastCovered_ = r.count;
+    lastSyncUs_ = r.micros;
+    ++syncs_;
+    syncedEvents_ += r.count;
+    outcomes_.push_back({settled_, true});
+  } else {
+    // What the sync was to cover may be lost whatever the file says now, and what was written
+    // after it lies behind it: all of it is taken back and answered as failed.
+    takeBack(durableSize_);
+    size_ = durableSize_;
+    events_ = durableEvents_;
+    settled_ = written_;
+    lastCovered_ = 0;
+    syncer_->forget();
+    outcomes_.push_back({settled_, false});
+  }
+  startSync(false, true);
+}
+
+void EventLog::absorb() {
+  SyncResult r;
+  if (syncing_ && syncer_->finished(&r)) settle(r);
+}
+
+void EventLog::waitIdle() {
+  while (syncing_) {
+    syncer_->hurry();
+    SyncResult r;
+    syncer_->waitFinished(&r);
+    settle(r);
+  }
+}
+
+// Interval: one fdatasync in this thread.
+void EventLog::syncNow() {
   if (io_.fdatasync(fd_.get()) != 0) {
     std::string why = errText();
     lastSyncMs_ = nowMs();  // not again at once: the next due time retries
@@ -290,10 +498,55 @@ void EventLog::sync() {
   lastSyncMs_ = nowMs();
 }
 
+void EventLog::sync() {
+  if (policy_ == SyncPolicy::Group) {
+    startSync(true);
+    waitIdle();
+    return;
+  }
+  if (dirty_) syncNow();
+}
+
 int EventLog::msUntilSyncDue() const {
-  if (!dirty_) return -1;
+  if (policy_ == SyncPolicy::Group || !dirty_) return -1;
   long long left = lastSyncMs_ + intervalMs_ - nowMs();
   return left > 0 ? static_cast<int>(left) : 0;
+}
+
+void EventLog::rotate() {
+  // Whatever the old file holds is synced before it leaves the name readers follow.
+  if (policy_ == SyncPolicy::Group) {
+    startSync(true);
+    waitIdle();
+  } else if (dirty_) {
+    syncNow();
+  }
+  std::string fresh = path_ + ".new";
+  unlink(fresh.c_str());
+  OslFd next(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640));
+  if (!next) throw LogError("cannot make a new event log " + fresh + ": " + errText());
+  if (io_.fdatasync(next.get()) != 0) {
+    std::string why = errText();
+    unlink(fresh.c_str());
+    throw LogError("cannot sync the new event log " + fresh + ": " + why);
+  }
+  auto numbered = [this](int n) { return path_ + "." + std::to_string(n); };
+  for (int n = limits_.keep - 1; n >= 1; --n) {
+    if (rename(numbered(n).c_str(), numbered(n + 1).c_str()) != 0 && errno != ENOENT)
+      throw LogError("cannot rotate the event log " + numbered(n) + ": " + errText());
+  }
+  if (rename(path_.c_str(), numbered(1).c_str()) != 0)
+    throw LogError("cannot rotate the event log " + path_ + ": " + errText());
+  if (rename(fresh.c_str(), path_.c_str()) != 0) {
+    std::string why = errText();
+    // The old file goes back to its name; the chain behind it has moved up by one.
+    rename(numbered(1).c_str(), path_.c_str());
+    unlink(fresh.c_str());
+    throw LogError("cannot put the new event log in place of " + path_ + ": " + why);
+  }
+  syncDirOf(path_);
+  fd_ = std::move(next);
+  size_ = durableSize_ = 0;
 }
 
 }  // namespace evmd

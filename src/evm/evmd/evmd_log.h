@@ -3,14 +3,25 @@
 
 // The daemon's event log: accepted events appended as a plain stream of blocks, the form that
 // EvmEventReadFD and _evmGetNextBlockOffset walk. Events are gathered per round of the daemon's
-// loop and go to the file in one write before any of them is acknowledged.
+// loop and go to the file in one write; each write that added bytes gets the next number, its
+// mark, and the server holds a round's answers until the log says their mark is settled.
 //
-// Durability: SyncPolicy::EveryBatch calls fdatasync after each batch's write and before its
-// answers leave (group commit: one sync covers every poster of the round). SyncPolicy::Interval
-// (the default) syncs at most every `intervalMs` and at close; an acknowledged event is then in
-// the kernel before its answer leaves, so it survives the daemon's own death but not a crash of
-// the machine inside the interval. A write or sync that fails fails the batch it belongs to:
-// its bytes are taken back and none of its events is acknowledged as taken.
+// Durability. SyncPolicy::Group (the default) acknowledges only what is synced: a sync thread
+// runs fdatasync while the loop goes on writing; a sync covers every write made before it began,
+// and when it ends the next one starts if writes came meanwhile. So one fdatasync covers every
+// poster that waited during the previous one, and none waits for a sync of its own. The thread
+// may hold a sync briefly (no longer than the last sync took, at most 2 ms) until the posters the
+// last sync answered have posted again, so that waiting posters stay in one group.
+// SyncPolicy::Interval settles a mark as soon as it is written and syncs at most every
+// `intervalMs` and at close: an acknowledged event survives the daemon's death but not a crash of
+// the machine inside the interval. A failed write fails its own batch (its bytes are taken back);
+// a failed sync fails every write it was to cover and those after it, all taken back, so that the
+// file holds only what was, or will be, acknowledged.
+//
+// Rotation. When a write would take the file past `maxBytes`, everything in it is synced first,
+// then events.log.(keep-1) ... events.log.1 move up by one (the oldest falls off), events.log
+// becomes events.log.1, and a new events.log, made and synced beside under another name, takes its
+// place; the directory is synced. A batch is never split: each event lies whole in one file.
 //
 // At open the log is walked block by block, each block checked as a reader would check it.
 // Bytes that are no valid block (a torn end left by a death inside a write, or damage in the
@@ -21,6 +32,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -34,10 +46,16 @@ class LogError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-enum class SyncPolicy { EveryBatch, Interval };
+enum class SyncPolicy { Group, Interval };
+
+struct LogLimits {
+  std::uint64_t maxBytes = std::uint64_t{64} << 20;  // 0: never rotate
+  int keep = 8;                                      // rotated files kept, at least 1
+};
 
 // The two calls through which the log's bytes reach the disk, apart so that a test can make
-// them fail. The default passes them to the system.
+// them fail or watch them. The default passes them to the system. Under SyncPolicy::Group,
+// fdatasync is called from the log's sync thread, write from the thread that commits.
 class LogIo {
  public:
   virtual ~LogIo() = default;
@@ -48,9 +66,16 @@ class LogIo {
 
 class EventLog {
  public:
+  // What became of the writes up to a mark: settled for acknowledgement, or failed (taken back).
+  struct Outcome {
+    std::uint64_t through;
+    bool ok;
+  };
+
   // Opens (creating it and its directory) the log at `path`, and repairs it as said above.
   // Refuses a path that is a symlink or anything but a regular file.
-  EventLog(const std::string& path, SyncPolicy policy, int intervalMs, LogIo& io = LogIo::system());
+  EventLog(const std::string& path, SyncPolicy policy, int intervalMs, LogIo& io = LogIo::system(),
+           LogLimits limits = LogLimits());
   ~EventLog();
   EventLog(const EventLog&) = delete;
   EventLog& operator=(const EventLog&) = delete;
@@ -58,21 +83,44 @@ class EventLog {
   // Queues one block for the next commit.
   void add(const void* block, std::size_t size);
   bool pending() const { return !batch_.empty(); }
-  // Writes the queued blocks and syncs as the policy says. Throws LogError when the write or
-  // the sync fails; the batch is then taken back out of the file.
-  void commit();
-  // Syncs now if anything was written since the last sync. Throws LogError if that fails.
+  // Writes the queued blocks (rotating first if they would take the file past its limit) and
+  // returns the mark their acknowledgements wait for: a new mark, or the last one when nothing was
+  // queued. Throws LogError when the rotation or the write fails; the batch is then taken back.
+  std::uint64_t commit();
+  // The last mark written.
+  std::uint64_t written() const { return written_; }
+  // What was settled since the last call, in order of marks.
+  std::vector<Outcome> takeOutcomes();
+  // Group: a descriptor that becomes readable when a sync ends; absorb() then takes its result.
+  // -1 under Interval.
+  int syncDoneFd() const;
+  void absorb();
+  // Syncs everything written so far, and waits for it. Throws LogError under Interval when the
+  // sync fails; under Group the failure is an outcome.
   void sync();
-  // Milliseconds until an Interval sync is due, or -1 when nothing waits for one.
+  // Interval: milliseconds until a sync is due, or -1 when nothing waits for one. Group: -1.
   int msUntilSyncDue() const;
 
   const std::string& path() const { return path_; }
   std::uint64_t events() const { return events_; }
+  // Group: the syncs that succeeded, and the events they covered.
+  std::uint64_t syncs() const { return syncs_; }
+  std::uint64_t syncedEvents() const { return syncedEvents_; }
   // What the repair at open did: bytes taken out of the log, and the files they went to.
   std::uint64_t removedBytes() const { return removed_; }
   const std::vector<std::string>& damagedFiles() const { return damagedFiles_; }
 
  private:
+  class Syncer;
+  // What one sync covered, and how it went.
+  struct SyncResult {
+    std::uint64_t mark = 0;
+    off_t size = 0;
+    std::uint64_t events = 0;  // the log's count of events after the covered writes
+    std::uint64_t count = 0;   // events the sync covered
+    long long micros = 0;      // the fdatasync's own time
+    int error = 0;
+  };
   struct Span {
     off_t begin, end;
   };
@@ -84,20 +132,37 @@ class EventLog {
   void takeBack(off_t size);
   void writeAll(int fd, const unsigned char* p, std::size_t n);
   void copySpan(const Span& s, int out);
+  void rotate();
+  void startSync(bool now, bool afterSync = false);
+  void settle(const SyncResult& r);
+  void waitIdle();
+  void syncNow();
 
   std::string path_;
   SyncPolicy policy_;
   int intervalMs_;
   LogIo& io_;
+  LogLimits limits_;
   OslFd fd_;
-  off_t size_ = 0;  // the file's length after the last good commit
+  off_t size_ = 0;  // the file's length after the last good write
   std::vector<unsigned char> batch_;
   std::size_t batchEvents_ = 0;
-  bool dirty_ = false;
+  bool dirty_ = false;  // Interval: written since the last sync
   long long lastSyncMs_ = 0;
   std::uint64_t events_ = 0;
+  std::uint64_t written_ = 0;   // marks handed out
+  std::uint64_t settled_ = 0;   // marks whose outcome is known
+  std::vector<Outcome> outcomes_;
+  // Group: whether a sync is in flight, and what the last one covered and took.
+  bool syncing_ = false;
+  std::uint64_t lastCovered_ = 0;
+  std::uint64_t syncs_ = 0, syncedEvents_ = 0;
+  long long lastSyncUs_ = 0;
+  off_t durableSize_ = 0;  // the file's length covered by the last good sync
+  std::uint64_t durableEvents_ = 0;
   std::uint64_t removed_ = 0;
   std::vector<std::string> damagedFiles_;
+  std::unique_ptr<Syncer> syncer_;  // after fd_: it ends before the file closes
 };
 
 }  // namespace evmd

@@ -1,9 +1,14 @@
-// The event log: failed writes and syncs fail their batch, a log that is no plain file is
-// refused, and damage at open costs only the damaged bytes.
+// The event log: failed writes and syncs fail what they were to cover, writes made during a sync
+// share the next one, rotation keeps every event whole and in order, a log that is no plain file
+// is refused, and damage at open costs only the damaged bytes.
 #include "evm/evmd/evmd_log.h"
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/stat.h>
+
+#include <condition_variable>
+#include <mutex>
 
 #include "evm/evmd/evmd_test_util.h"
 
@@ -27,16 +32,24 @@ class EventLogTest : public ::testing::Test {
     evmdtest::spit(log(), all);
     return at;
   }
+  // The outcomes the log reports, as "mark:ok " or "mark:FAIL ".
+  static std::string outcomes(evmd::EventLog& l) {
+    std::string s;
+    for (const auto& o : l.takeOutcomes()) s += std::to_string(o.through) + (o.ok ? ":ok " : ":FAIL ");
+    return s;
+  }
   evmdtest::ScratchDir dir_;
   evmdtest::FailingIo io_;
 };
 
-TEST_F(EventLogTest, AFailedWriteOrSyncFailsTheBatchAndLeavesNoneOfItInTheFile) {
+TEST_F(EventLogTest, AFailedWriteFailsItsBatchAndAFailedSyncEveryWriteNotYetSynced) {
   Bytes a = evmdtest::block("sys.zel.test.a");
   {
-    evmd::EventLog l(log(), evmd::SyncPolicy::EveryBatch, 200, io_);
+    evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_);
     l.add(a.data(), a.size());
-    l.commit();
+    EXPECT_EQ(l.commit(), 1u);
+    l.sync();
+    EXPECT_EQ(outcomes(l), "1:ok ");
     std::string before = evmdtest::slurp(log());
 
     io_.failWrites = true;
@@ -47,15 +60,158 @@ TEST_F(EventLogTest, AFailedWriteOrSyncFailsTheBatchAndLeavesNoneOfItInTheFile) 
     io_.failWrites = false;
     io_.failSyncs = true;
     l.add(a.data(), a.size());
-    EXPECT_THROW(l.commit(), evmd::LogError);
-    EXPECT_EQ(evmdtest::slurp(log()), before) << "a batch whose sync failed stays in the file";
+    l.commit();
+    l.add(a.data(), a.size());
+    l.commit();
+    l.sync();
+    // Whether the second write met the failed sync or waited for its own, neither stands.
+    std::string o = outcomes(l);
+    ASSERT_GE(o.size(), 7u);
+    EXPECT_EQ(o.substr(o.size() - 7), "3:FAIL ") << o;
+    EXPECT_EQ(o.find(":ok"), std::string::npos) << o;
+    EXPECT_EQ(evmdtest::slurp(log()), before) << "writes whose sync failed stay in the file";
 
     io_.failSyncs = false;
     l.add(a.data(), a.size());
-    l.commit();
+    EXPECT_EQ(l.commit(), 4u);
+    l.sync();
+    EXPECT_EQ(outcomes(l), "4:ok ");
     EXPECT_EQ(l.events(), 2u);
   }
   EXPECT_EQ(evmdtest::names(log()), (std::vector<std::string>{"sys.zel.test.a", "sys.zel.test.a"}));
+}
+
+// fdatasync calls that wait until the test lets each one finish.
+class GatedIo : public evmd::LogIo {
+ public:
+  int fdatasync(int fd) override {
+    std::unique_lock<std::mutex> l(m_);
+    ++started_;
+    cv_.notify_all();
+    cv_.wait(l, [this] { return released_ >= started_; });
+    return evmd::LogIo::fdatasync(fd);
+  }
+  void release() {
+    std::lock_guard<std::mutex> l(m_);
+    ++released_;
+    cv_.notify_all();
+  }
+  int started() {
+    std::lock_guard<std::mutex> l(m_);
+    return started_;
+  }
+  void waitStarted(int n) {
+    std::unique_lock<std::mutex> l(m_);
+    cv_.wait(l, [&] { return started_ >= n; });
+  }
+
+ private:
+  std::mutex m_;
+  std::condition_variable cv_;
+  int started_ = 0, released_ = 0;
+};
+
+TEST_F(EventLogTest, WritesMadeWhileASyncRunsWaitAndShareTheNextOne) {
+  GatedIo io;
+  evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io);
+  Bytes a = evmdtest::block("sys.zel.test.a");
+  l.add(a.data(), a.size());
+  EXPECT_EQ(l.commit(), 1u);
+  io.waitStarted(1);
+  for (int i = 0; i < 5; ++i) {
+    l.add(a.data(), a.size());
+    l.commit();
+  }
+  l.absorb();
+  EXPECT_EQ(outcomes(l), "") << "nothing is settled while its sync runs";
+  EXPECT_EQ(io.started(), 1);
+  io.release();
+  pollfd p{l.syncDoneFd(), POLLIN, 0};
+  ASSERT_EQ(poll(&p, 1, 10000), 1);
+  l.absorb();
+  EXPECT_EQ(outcomes(l), "1:ok ") << "the first sync covers only what was written before it began";
+  io.waitStarted(2);
+  io.release();
+  ASSERT_EQ(poll(&p, 1, 10000), 1);
+  l.absorb();
+  EXPECT_EQ(outcomes(l), "6:ok ") << "one sync covers the five that waited";
+  EXPECT_EQ(io.started(), 2);
+  EXPECT_EQ(l.syncs(), 2u);
+  EXPECT_EQ(l.syncedEvents(), 6u);
+}
+
+TEST_F(EventLogTest, RotationKeepsEveryEventWholeAndInOrderAcrossTheFiles) {
+  Bytes one = evmdtest::block("sys.zel.test.e00");
+  evmd::LogLimits limits;
+  limits.maxBytes = 4 * one.size();
+  limits.keep = 100;
+  {
+    evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_, limits);
+    for (int i = 0; i < 30; i += 3) {
+      // Three events in one commit: they land together in one file.
+      for (int k = i; k < i + 3; ++k) {
+        Bytes b = evmdtest::block("sys.zel.test.e" + std::string(k < 10 ? "0" : "") + std::to_string(k));
+        l.add(b.data(), b.size());
+      }
+      l.commit();
+    }
+  }
+  std::vector<std::string> all;
+  std::vector<std::string> files;
+  for (int n = 20; n >= 1; --n)
+    if (access((log() + "." + std::to_string(n)).c_str(), F_OK) == 0) files.push_back(log() + "." + std::to_string(n));
+  files.push_back(log());
+  EXPECT_EQ(files.size(), 10u);
+  for (const auto& f : files) {
+    auto n = evmdtest::names(f);
+    EXPECT_EQ(n.size(), 3u) << f;
+    EXPECT_EQ(evmdtest::slurp(f).size(), 3 * one.size()) << f << " holds bytes that are no whole event";
+    all.insert(all.end(), n.begin(), n.end());
+  }
+  ASSERT_EQ(all.size(), 30u);
+  for (int k = 0; k < 30; ++k)
+    EXPECT_EQ(all[k], "sys.zel.test.e" + std::string(k < 10 ? "0" : "") + std::to_string(k));
+}
+
+TEST_F(EventLogTest, RotationDropsTheOldestBeyondTheKeptCount) {
+  Bytes b = evmdtest::block("sys.zel.test.x");
+  evmd::LogLimits limits;
+  limits.maxBytes = b.size();
+  limits.keep = 2;
+  evmd::EventLog l(log(), evmd::SyncPolicy::Interval, 200, io_, limits);
+  for (int i = 0; i < 6; ++i) {
+    Bytes e = evmdtest::block("sys.zel.test.r" + std::to_string(i));
+    l.add(e.data(), e.size());
+    l.commit();
+  }
+  EXPECT_EQ(evmdtest::names(log() + ".2"), std::vector<std::string>{"sys.zel.test.r3"});
+  EXPECT_EQ(evmdtest::names(log() + ".1"), std::vector<std::string>{"sys.zel.test.r4"});
+  EXPECT_EQ(evmdtest::names(log()), std::vector<std::string>{"sys.zel.test.r5"});
+  EXPECT_NE(access((log() + ".3").c_str(), F_OK), 0);
+  EXPECT_NE(access((log() + ".new").c_str(), F_OK), 0);
+}
+
+TEST_F(EventLogTest, ARotationThatCannotMakeTheNewLogFailsItsBatchAndMovesNothing) {
+  Bytes a = evmdtest::block("sys.zel.test.a");
+  evmd::LogLimits limits;
+  limits.maxBytes = a.size();
+  evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_, limits);
+  l.add(a.data(), a.size());
+  l.commit();
+  std::string before = evmdtest::slurp(log());
+  // Something in the way of the new log's name.
+  ASSERT_EQ(mkdir((log() + ".new").c_str(), 0700), 0);
+  l.add(a.data(), a.size());
+  EXPECT_THROW(l.commit(), evmd::LogError);
+  EXPECT_EQ(evmdtest::slurp(log()), before);
+  EXPECT_NE(access((log() + ".1").c_str(), F_OK), 0);
+  ASSERT_EQ(rmdir((log() + ".new").c_str()), 0);
+  Bytes b = evmdtest::block("sys.zel.test.b");
+  l.add(b.data(), b.size());
+  l.commit();
+  l.sync();
+  EXPECT_EQ(evmdtest::names(log() + ".1"), std::vector<std::string>{"sys.zel.test.a"});
+  EXPECT_EQ(evmdtest::names(log()), std::vector<std::string>{"sys.zel.test.b"});
 }
 
 TEST_F(EventLogTest, UnderIntervalSyncsTheDueSyncFailsItsBatchAndAPlainSyncReportsFailure) {

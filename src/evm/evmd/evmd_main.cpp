@@ -1,6 +1,7 @@
 // vyn_evmd: the cluster's event daemon. Takes events from posters over the local socket (and
 // TCP when asked), checks them, appends them to <home>/log/evm/events.log and hands them to
 // listeners. Runs in the foreground until SIGTERM or SIGINT.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,13 +19,16 @@ namespace {
 
 const char kUsage[] =
     "Usage: vyn_evmd [-tcp host[:port]] [-group name] [-sync batch|interval] [-syncms milliseconds]\n"
-    "                [-maxclients n] [-maxperuser n]\n"
+    "                [-logsize bytes[K|M|G]] [-logkeep n] [-maxclients n] [-maxperuser n]\n"
     "  -tcp         also listen on TCP at that address (port 0 or none: any free port), take\n"
     "               connections from loopback only, and publish the address under\n"
     "               SYSTEM.evm.rmport.<host> in the registry\n"
     "  -group       members of this group may listen to events, besides the superuser\n"
-    "  -sync        batch: fdatasync the log before each round's answers leave;\n"
-    "               interval (default): fdatasync at most every -syncms (200) and at the end\n"
+    "  -sync        batch (default): no answer leaves before an fdatasync covered its event,\n"
+    "               posters that arrive during one sync share the next;\n"
+    "               interval: answer once written, fdatasync at most every -syncms (200)\n"
+    "  -logsize     start a new events.log when it would grow past this (64M)\n"
+    "  -logkeep     rotated logs kept, events.log.1 the newest (8)\n"
     "  -maxclients  connections taken in all (1000); -maxperuser: from one user (128)\n";
 
 bool number(const char* s, int* out) {
@@ -52,6 +56,21 @@ bool tcpAddress(const std::string& text, std::string* out) {
   return true;
 }
 
+// A size in bytes, with an optional K, M or G; at least one kilobyte.
+bool byteSize(const char* s, std::uint64_t* out) {
+  char* end = nullptr;
+  if (*s < '0' || *s > '9') return false;
+  unsigned long long v = std::strtoull(s, &end, 10);
+  int shift = 0;
+  if (*end == 'K' || *end == 'k') shift = 10;
+  if (*end == 'M' || *end == 'm') shift = 20;
+  if (*end == 'G' || *end == 'g') shift = 30;
+  if (shift != 0) ++end;
+  if (*end != '\0' || v > (std::uint64_t{1} << 50 >> shift)) return false;
+  *out = static_cast<std::uint64_t>(v) << shift;
+  return *out >= 1024;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -67,8 +86,13 @@ int main(int argc, char** argv) {
     } else if (a == "-maxperuser" && i + 1 < argc && number(argv[i + 1], &o.maxClientsPerUser)) {
       ++i;
     } else if (a == "-sync" && i + 1 < argc && (std::strcmp(argv[i + 1], "batch") == 0 || std::strcmp(argv[i + 1], "interval") == 0)) {
-      o.sync = std::strcmp(argv[++i], "batch") == 0 ? evmd::SyncPolicy::EveryBatch : evmd::SyncPolicy::Interval;
+      o.sync = std::strcmp(argv[++i], "batch") == 0 ? evmd::SyncPolicy::Group : evmd::SyncPolicy::Interval;
     } else if (a == "-syncms" && i + 1 < argc && number(argv[i + 1], &o.syncIntervalMs)) {
+      ++i;
+    } else if (a == "-logsize" && i + 1 < argc && byteSize(argv[i + 1], &o.logLimits.maxBytes)) {
+      ++i;
+    } else if (a == "-logkeep" && i + 1 < argc && number(argv[i + 1], &o.logLimits.keep) && o.logLimits.keep >= 1 &&
+               o.logLimits.keep <= 999) {
       ++i;
     } else {
       std::fputs(kUsage, stderr);

@@ -49,8 +49,9 @@ void traceLine(const std::string& text, bool failure) {
 
 // Bytes read from one client in one round, so that a flood from one can't starve the others.
 constexpr std::size_t kRoundBudget = 256 * 1024;
-// A listener that doesn't read its notifications is cut off rather than buffered without end.
-constexpr std::size_t kMaxOutBuffer = 16 * 1024 * 1024;
+// What a client may be owed (answers it has not read) before the daemon stops reading from it;
+// it reads on when half of that has gone out.
+constexpr std::size_t kMaxBacklog = 1024 * 1024;
 // How long the listeners rest when accept finds no descriptor free.
 constexpr long long kAcceptPauseMs = 100;
 
@@ -86,19 +87,29 @@ bool tcpPeerAllowed(const sockaddr_in& addr) {
   return (ntohl(addr.sin_addr.s_addr) >> 24) == 127;
 }
 
+// What one round owes one client, waiting for the log to settle the round's mark.
+struct Server::Chunk {
+  std::uint64_t mark = 0;
+  std::vector<unsigned char> bytes;
+  std::vector<std::size_t> acceptedAt;  // answers to accepted posts: they fail if the round does
+  std::vector<std::pair<std::size_t, std::size_t>> notices;  // events for a listener: gone if it fails
+};
+
 struct Server::Client {
   Client(int fd, const Peer& peer, std::uint64_t key) : fd(fd), session(peer), key(key) {}
   OslFd fd;
   Session session;
   std::uint64_t key;  // whom it counts against in perUser_
-  // Messages that wait for the round's commit, and where each answer to an accepted post starts
-  // (it must turn into a failure if the commit fails).
-  std::vector<unsigned char> held;
-  std::vector<std::size_t> acceptedAt;
+  // What this round owes the client, laid out as a Chunk.
+  Chunk held;
+  std::deque<Chunk> waiting;
+  std::size_t waitingBytes = 0;
   std::vector<unsigned char> out;
   std::size_t outStart = 0;
+  std::uint64_t lost = 0;  // events lost since the last notice
   bool touched = false;
-  bool watchingOut = false;
+  bool readPaused = false;
+  std::uint32_t watched = EPOLLIN;
   bool dead = false;
 };
 
@@ -106,9 +117,9 @@ struct Server::Client {
 class Server::Sink : public SessionSink {
  public:
   Sink(Server& s, Client& c) : s_(s), c_(c) {}
-  void accepted(const EvmEventHead_t* block, std::uint32_t size) override {
+  void accepted(const EvmEventHead_t* block, std::uint32_t size, const char* name) override {
     s_.log_.add(block, size);
-    s_.notify(block, size);
+    s_.notify(block, size, name);
     ++s_.stats_.accepted;
   }
   void answer(const EvmCommHead_t& head, bool acceptedPost) override {
@@ -116,7 +127,7 @@ class Server::Sink : public SessionSink {
       if (head.flags & evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED)) ++s_.stats_.rejected;
       if (head.flags & evmCommFlag(EvmCOMMFLAG_INVALID_DATA)) ++s_.stats_.invalid;
     }
-    if (acceptedPost) c_.acceptedAt.push_back(c_.held.size());
+    if (acceptedPost) c_.held.acceptedAt.push_back(c_.held.bytes.size());
     s_.hold(c_, &head, sizeof head);
   }
   void complain(const char* kind, const std::string& detail) override { s_.complain(kind, detail); }
@@ -129,7 +140,7 @@ class Server::Sink : public SessionSink {
 Server::Server(const Options& options)
     : options_(options),
       log_(options.home + "/log/evm/events.log", options.sync, options.syncIntervalMs,
-           options.logIo != nullptr ? *options.logIo : LogIo::system()),
+           options.logIo != nullptr ? *options.logIo : LogIo::system(), options.logLimits),
       complaints_(nowMs, [](const std::string& line) { traceLine(line, true); }) {
   signal(SIGPIPE, SIG_IGN);
   sigset_t mask;
@@ -178,7 +189,7 @@ Server::Server(const Options& options)
     tcpAddress_ = own;
     if (options_.registerTcp) registerTcpAddress();
   }
-  auto watch = [this](int fd) {
+  auto watchFd = [this](int fd) {
     epoll_event ev{};
     ev.events = EPOLLIN;
     ev.data.fd = fd;
@@ -187,10 +198,11 @@ Server::Server(const Options& options)
   for (xpccon* c : {local_.get(), tcpListener_.get()}) {
     if (c == nullptr) continue;
     fcntl(xpcfd(c), F_SETFL, fcntl(xpcfd(c), F_GETFL) | O_NONBLOCK);
-    watch(xpcfd(c));
+    watchFd(xpcfd(c));
   }
-  watch(sigfd_.get());
-  watch(stopfd_.get());
+  watchFd(sigfd_.get());
+  watchFd(stopfd_.get());
+  if (log_.syncDoneFd() >= 0) watchFd(log_.syncDoneFd());
   std::string repaired;
   if (log_.removedBytes() > 0) {
     repaired = ", took " + std::to_string(log_.removedBytes()) + " damaged bytes out of it into";
@@ -347,6 +359,8 @@ void Server::drop(Client& c) {
 }
 
 void Server::reap() {
+  if (dead_.empty()) return;
+  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), [](Client* c) { return c->dead; }), waiting_.end());
   for (int fd : dead_) {
     auto it = clients_.find(fd);
     if (it == clients_.end()) continue;
@@ -359,6 +373,13 @@ void Server::reap() {
 }
 
 void Server::readFrom(Client& c) {
+  if (c.dead || c.readPaused) return;
+  if (backlog(c) > kMaxBacklog + (c.session.listening() ? options_.listenerQueueBytes : 0)) {
+    // It does not read what it is owed: nothing more from it until it does.
+    c.readPaused = true;
+    watch(c);
+    return;
+  }
   std::size_t budget = kRoundBudget;
   bool peerClosed = false;
   Sink sink(*this, c);
@@ -392,89 +413,164 @@ void Server::readFrom(Client& c) {
 
 void Server::hold(Client& c, const void* p, std::size_t n) {
   const auto* b = static_cast<const unsigned char*>(p);
-  c.held.insert(c.held.end(), b, b + n);
+  c.held.bytes.insert(c.held.bytes.end(), b, b + n);
   if (!c.touched) {
     c.touched = true;
     touched_.push_back(&c);
   }
 }
 
-void Server::notify(const EvmEventHead_t* block, std::uint32_t size) {
+// What the client is owed and has not taken: unsent output, rounds waiting, this round.
+std::size_t Server::backlog(const Client& c) const {
+  return c.out.size() - c.outStart + c.waitingBytes + c.held.bytes.size();
+}
+
+void Server::holdLostNotice(Client& c) {
+  EvmCommHead_t h = evmCommHead(EvmCOMM_FLAGS, evmCommFlag(EvmCOMMFLAG_EVENT_LOST),
+                                std::min<std::uint64_t>(c.lost, 0xffffffffu), 0);
+  c.lost = 0;
+  hold(c, &h, sizeof h);
+}
+
+void Server::notify(const EvmEventHead_t* block, std::uint32_t size, const char* name) {
   for (auto& kv : clients_) {
     Client& s = *kv.second;
-    if (s.dead || !s.session.listening()) continue;
-    if (s.out.size() - s.outStart + s.held.size() > kMaxOutBuffer) {
-      ++stats_.dropped;
-      complain("a listener that does not read its events was cut off", "");
-      drop(s);
+    if (s.dead || !s.session.listening() || !s.session.wants(name)) continue;
+    std::size_t need = EVM_COMM_HEAD_SIZE + size + (s.lost > 0 ? EVM_COMM_HEAD_SIZE : 0);
+    if (backlog(s) + need > options_.listenerQueueBytes) {
+      ++s.lost;
+      ++stats_.lost;
       continue;
     }
+    if (s.lost > 0) holdLostNotice(s);
+    std::size_t begin = s.held.bytes.size();
     EvmCommHead_t h = evmCommHead(EvmCOMM_NOTIFY, 0, 0, size);
     hold(s, &h, sizeof h);
-    std::size_t at = s.held.size();
+    std::size_t at = s.held.bytes.size();
     hold(s, block, size);
-    _evmFillTransportHeader(s.held.data() + at, size);
+    _evmFillTransportHeader(s.held.bytes.data() + at, size);
+    s.held.notices.emplace_back(begin, s.held.bytes.size());
   }
+}
+
+void Server::watch(Client& c) {
+  if (c.dead) return;
+  std::uint32_t want = (c.readPaused ? 0u : static_cast<std::uint32_t>(EPOLLIN)) |
+                       (c.outStart < c.out.size() ? static_cast<std::uint32_t>(EPOLLOUT) : 0u);
+  if (want == c.watched) return;
+  epoll_event ev{};
+  ev.events = want;
+  ev.data.fd = c.fd.get();
+  epoll_ctl(epfd_.get(), EPOLL_CTL_MOD, c.fd.get(), &ev);
+  c.watched = want;
 }
 
 void Server::flushOut(Client& c) {
-  while (!c.dead && c.outStart < c.out.size()) {
-    ssize_t n = send(c.fd.get(), c.out.data() + c.outStart, c.out.size() - c.outStart, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (n > 0) {
-      c.outStart += static_cast<std::size_t>(n);
-      continue;
+  for (;;) {
+    while (!c.dead && c.outStart < c.out.size()) {
+      ssize_t n = send(c.fd.get(), c.out.data() + c.outStart, c.out.size() - c.outStart, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (n > 0) {
+        c.outStart += static_cast<std::size_t>(n);
+        continue;
+      }
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+      drop(c);  // the client went away; what it was owed has nowhere to go
+      return;
     }
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    drop(c);  // the client went away; what it was owed has nowhere to go
-    return;
-  }
-  bool pendingOut = c.outStart < c.out.size();
-  if (!pendingOut) {
+    if (c.dead || c.outStart < c.out.size()) break;
     c.out.clear();
     c.outStart = 0;
+    // The room of a burst is given back rather than kept for an idle client.
+    if (c.out.capacity() > kMaxBacklog) std::vector<unsigned char>().swap(c.out);
     if (c.session.closing()) return drop(c);
+    // Everything it was owed is out: a listener that lost events hears of it now.
+    if (c.lost == 0 || !c.waiting.empty() || !c.held.bytes.empty()) break;
+    EvmCommHead_t h = evmCommHead(EvmCOMM_FLAGS, evmCommFlag(EvmCOMMFLAG_EVENT_LOST),
+                                  std::min<std::uint64_t>(c.lost, 0xffffffffu), 0);
+    c.lost = 0;
+    const auto* b = reinterpret_cast<const unsigned char*>(&h);
+    c.out.assign(b, b + sizeof h);
   }
-  if (pendingOut != c.watchingOut && !c.dead) {
-    epoll_event ev{};
-    ev.events = EPOLLIN | (pendingOut ? EPOLLOUT : 0u);
-    ev.data.fd = c.fd.get();
-    epoll_ctl(epfd_.get(), EPOLL_CTL_MOD, c.fd.get(), &ev);
-    c.watchingOut = pendingOut;
+  if (c.dead) return;
+  if (c.readPaused && backlog(c) <= kMaxBacklog / 2) c.readPaused = false;
+  watch(c);
+}
+
+void Server::failChunk(Chunk& chunk) {
+  // Nothing that was not written may be acknowledged as taken, nor shown to a listener.
+  EvmCommFlag_t f = evmCommFlag(EvmCOMMFLAG_RESOURCE_FAILURE);
+  for (std::size_t at : chunk.acceptedAt) std::memcpy(chunk.bytes.data() + at + EVM_COMM_OFF_FLAGS, &f, sizeof f);
+  chunk.acceptedAt.clear();
+  if (chunk.notices.empty()) return;
+  std::vector<unsigned char> kept;
+  std::size_t from = 0;
+  for (const auto& n : chunk.notices) {
+    kept.insert(kept.end(), chunk.bytes.begin() + static_cast<std::ptrdiff_t>(from),
+                chunk.bytes.begin() + static_cast<std::ptrdiff_t>(n.first));
+    from = n.second;
   }
+  kept.insert(kept.end(), chunk.bytes.begin() + static_cast<std::ptrdiff_t>(from), chunk.bytes.end());
+  chunk.bytes.swap(kept);
+  chunk.notices.clear();
+}
+
+void Server::deliver(Client& c, Chunk& chunk) {
+  if (c.dead) return;
+  if (c.out.empty()) {
+    c.out.swap(chunk.bytes);
+  } else {
+    c.out.insert(c.out.end(), chunk.bytes.begin(), chunk.bytes.end());
+  }
+  flushOut(c);
+}
+
+// Lets go what the log has settled, round by round in the order of their marks.
+void Server::settle() {
+  for (const EventLog::Outcome& o : log_.takeOutcomes()) {
+    if (!o.ok) complain("the event log could not be synced; the posts it was to cover were answered as failed", log_.path());
+    settledMark_ = o.through;
+    for (Client* c : waiting_) {
+      while (!c->waiting.empty() && c->waiting.front().mark <= o.through) {
+        Chunk chunk = std::move(c->waiting.front());
+        c->waiting.pop_front();
+        c->waitingBytes -= chunk.bytes.size();
+        if (!o.ok) failChunk(chunk);
+        deliver(*c, chunk);
+      }
+    }
+  }
+  waiting_.erase(std::remove_if(waiting_.begin(), waiting_.end(), [](Client* c) { return c->waiting.empty() && !c->dead; }),
+                 waiting_.end());
 }
 
 void Server::endRound() {
+  std::uint64_t mark = 0;
   bool failed = false;
   try {
-    log_.commit();
+    mark = log_.commit();
   } catch (const LogError& e) {
     failed = true;
+    mark = log_.written();
     complain("the event log failed; the round's posts were answered as failed", e.what());
   }
   for (Client* c : touched_) {
-    if (failed) {
-      // Nothing that was not written may be acknowledged as taken.
-      for (std::size_t at : c->acceptedAt) {
-        EvmCommFlag_t f = evmCommFlag(EvmCOMMFLAG_RESOURCE_FAILURE);
-        std::memcpy(c->held.data() + at + EVM_COMM_OFF_FLAGS, &f, sizeof f);
-      }
-    }
-    c->acceptedAt.clear();
     c->touched = false;
-    if (c->dead) {
-      c->held.clear();
+    Chunk chunk = std::move(c->held);
+    c->held = Chunk();
+    if (c->dead) continue;
+    chunk.mark = mark;
+    if (failed) failChunk(chunk);
+    if (c->waiting.empty() && mark <= settledMark_) {
+      deliver(*c, chunk);
       continue;
     }
-    if (c->out.empty()) {
-      c->out.swap(c->held);
-    } else {
-      c->out.insert(c->out.end(), c->held.begin(), c->held.end());
-    }
-    c->held.clear();
-    flushOut(*c);
+    if (c->waiting.empty()) waiting_.push_back(c);
+    c->waitingBytes += chunk.bytes.size();
+    c->waiting.push_back(std::move(chunk));
   }
   touched_.clear();
+  settle();
 }
 
 void Server::run() {
@@ -515,11 +611,15 @@ void Server::run() {
         stopping_ = true;
       } else if (fd == stopfd_.get()) {
         stopping_ = true;
+      } else if (fd == log_.syncDoneFd()) {
+        log_.absorb();
       } else {
         auto it = clients_.find(fd);
         if (it == clients_.end()) continue;
         Client& c = *it->second;
         if (events[i].events & EPOLLOUT) flushOut(c);
+        // A client not read from that hangs up can be owed nothing more.
+        if (c.readPaused && (events[i].events & (EPOLLHUP | EPOLLERR))) drop(c);
         if (events[i].events & (EPOLLIN | EPOLLHUP | EPOLLERR)) readFrom(c);
       }
     }
@@ -529,17 +629,21 @@ void Server::run() {
   // Events already sent to us are in hand: take them in, write them, and answer what we can.
   for (auto& kv : clients_) readFrom(*kv.second);
   endRound();
-  reap();
   try {
     log_.sync();
   } catch (const LogError& e) {
     complain("the event log could not be synced", e.what());
   }
+  settle();
+  reap();
   complaints_.flush();
   traceLine(" vyn_evmd stopped: " + std::to_string(stats_.accepted) + " accepted, " + std::to_string(stats_.rejected) +
                 " rejected, " + std::to_string(stats_.invalid) + " invalid, " + std::to_string(stats_.clients) +
                 " clients, " + std::to_string(stats_.dropped) + " dropped, " + std::to_string(stats_.turnedAway) +
-                " turned away",
+                " turned away, " + std::to_string(stats_.lost) + " events lost by slow listeners" +
+                (log_.syncs() > 0 ? ", " + std::to_string(log_.syncedEvents()) + " events synced in " +
+                                        std::to_string(log_.syncs()) + " syncs"
+                                  : std::string()),
             false);
 }
 

@@ -2,9 +2,18 @@
 #define EVM_EVMD_EVMD_SERVER_H
 
 // The event daemon's server: one thread, one epoll loop over the listening sockets, the clients,
-// a signalfd and a stop eventfd. Each round reads what the ready clients sent and hands it to
-// their sessions (evmd_session.h), commits the round's accepted events to the log, and only then
-// lets the round's answers go. Listeners get every accepted event as a notify head and the block.
+// a signalfd, a stop eventfd and the log's sync-done eventfd. Each round reads what the ready
+// clients sent and hands it to their sessions (evmd_session.h), and writes the round's accepted
+// events to the log. What the round owes each client (answers, and events for listeners) waits,
+// in order, until the log settles the round's mark: under group commit, until a finished sync
+// covers it, while later rounds go on being read and written. A round whose events could not be
+// written or synced answers its posts as failed, and its events reach no listener.
+//
+// Listeners get each accepted event that matches their filter (all, until they name one) as a
+// notify head and the block. A listener's queue of unsent events is bounded: an event that does
+// not fit is lost and counted, and before the next event that fits (or as soon as the queue
+// empties) the listener is told how many it lost. It is never cut off for being slow. A client
+// that does not read its answers is not read from until it does, so what it is owed stays bounded.
 //
 // Who may do what. Each local client's credentials are read from the kernel at accept; its
 // connect request must name that same user. Listening is for the superuser and the members of
@@ -21,6 +30,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -47,8 +57,10 @@ struct Options {
   std::string tcpAddress;    // a TCP address to listen on too, "(ADDRESS=(PROTOCOL=tcp)(HOST=h)(PORT=p))"; empty: none
   bool registerTcp = true;   // write the TCP address under SYSTEM.evm.rmport.<host>
   std::string listenGroup;   // members of this group may listen, besides the superuser
-  SyncPolicy sync = SyncPolicy::Interval;
-  int syncIntervalMs = 200;
+  SyncPolicy sync = SyncPolicy::Group;
+  int syncIntervalMs = 200;  // Interval only
+  LogLimits logLimits;
+  std::size_t listenerQueueBytes = 4u << 20;  // unsent events one listener may have queued
   int maxClients = 1000;
   int maxClientsPerUser = 128;
   LogIo* logIo = nullptr;  // the log's file calls; null: the system's
@@ -61,6 +73,7 @@ struct Stats {
   std::uint64_t clients = 0;
   std::uint64_t dropped = 0;  // clients cut off for garbage or a broken connection
   std::uint64_t turnedAway = 0;  // connections closed at accept: not admitted or over a cap
+  std::uint64_t lost = 0;        // events a slow listener had no room for
 };
 
 // Whether a TCP peer at `addr` may connect: loopback until membership names the nodes.
@@ -84,14 +97,21 @@ class Server {
 
  private:
   struct Client;
+  struct Chunk;
   class Sink;
   void accept(int listenFd, bool tcp);
   bool admit(Client& c, int fd, bool tcp);
   void readFrom(Client& c);
-  void notify(const EvmEventHead_t* block, std::uint32_t size);
+  void notify(const EvmEventHead_t* block, std::uint32_t size, const char* name);
   void hold(Client& c, const void* p, std::size_t n);
+  void holdLostNotice(Client& c);
+  std::size_t backlog(const Client& c) const;
   void flushOut(Client& c);
+  void watch(Client& c);
   void endRound();
+  void settle();
+  void deliver(Client& c, Chunk& chunk);
+  void failChunk(Chunk& chunk);
   void drop(Client& c);
   void reap();
   void pauseListeners();
@@ -113,6 +133,8 @@ class Server {
   std::unordered_map<int, std::unique_ptr<Client>> clients_;
   std::map<std::uint64_t, int> perUser_;
   std::vector<Client*> touched_;  // clients with answers held for the round's commit
+  std::vector<Client*> waiting_;  // clients with rounds waiting for the log to settle them
+  std::uint64_t settledMark_ = 0;
   std::vector<int> dead_;
   long long pausedUntilMs_ = -1;
   bool stopping_ = false;

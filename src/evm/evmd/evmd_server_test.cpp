@@ -1,10 +1,15 @@
-// The server in this process, its log's file calls failing on demand: a post whose event could
-// not be written or synced is answered as a failure, and connections are capped per user.
+// The server in this process, its log's file calls watched or failing on demand: no answer leaves
+// before a finished sync covers its event, a post whose event could not be written or synced is
+// answered as a failure, and connections are capped per user.
 #include "evm/evmd/evmd_server.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <mutex>
 #include <thread>
 
 #include "evm/evmd/evmd_test_util.h"
@@ -90,7 +95,7 @@ class ServerTest : public ::testing::Test {
 };
 
 TEST_F(ServerTest, APostWhoseEventCouldNotBeWrittenOrSyncedIsAnsweredAsAFailure) {
-  options_.sync = evmd::SyncPolicy::EveryBatch;
+  options_.sync = evmd::SyncPolicy::Group;
   start();
   Raw c;
   ASSERT_EQ(c.connect(), 0);
@@ -107,6 +112,98 @@ TEST_F(ServerTest, APostWhoseEventCouldNotBeWrittenOrSyncedIsAnsweredAsAFailure)
   thread_.join();
   server_.reset();
   EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), 2u);
+}
+
+// Watches the log's file calls: every byte written, and how much of it a finished sync covers (a
+// sync covers what was written before it began). Each sync takes a while, as a disk's does.
+class WatchedIo : public evmd::LogIo {
+ public:
+  ssize_t write(int fd, const void* buffer, std::size_t size) override {
+    ssize_t n = evmd::LogIo::write(fd, buffer, size);
+    if (n > 0) {
+      std::lock_guard<std::mutex> l(m_);
+      stream_.append(static_cast<const char*>(buffer), static_cast<std::size_t>(n));
+    }
+    return n;
+  }
+  int fdatasync(int fd) override {
+    std::size_t covers;
+    {
+      std::lock_guard<std::mutex> l(m_);
+      covers = stream_.size();
+      ++syncs_;
+    }
+    usleep(2000);
+    int r = evmd::LogIo::fdatasync(fd);
+    std::lock_guard<std::mutex> l(m_);
+    if (r == 0) durable_ = std::max(durable_, covers);
+    return r;
+  }
+  // Whether the event named `name` lies wholly in what finished syncs cover.
+  bool durable(const std::string& name) {
+    std::lock_guard<std::mutex> l(m_);
+    std::size_t at = stream_.find(name + '\0');
+    return at != std::string::npos && at + name.size() + 1 <= durable_;
+  }
+  int syncs() {
+    std::lock_guard<std::mutex> l(m_);
+    return syncs_;
+  }
+
+ private:
+  std::mutex m_;
+  std::string stream_;
+  std::size_t durable_ = 0;
+  int syncs_ = 0;
+};
+
+TEST_F(ServerTest, NoAnswerLeavesBeforeAFinishedSyncCoversItsEventAndWaitingPostersShareASync) {
+  WatchedIo io;
+  options_.logIo = &io;
+  start();
+  constexpr int kPosters = 8, kEach = 40;
+  std::atomic<int> early{0}, failed{0};
+  std::vector<std::thread> posters;
+  for (int t = 0; t < kPosters; ++t)
+    posters.emplace_back([&, t] {
+      Raw c;
+      if (c.connect() != 0) {
+        failed += kEach;
+        return;
+      }
+      for (int i = 0; i < kEach; ++i) {
+        char name[64];
+        std::snprintf(name, sizeof name, "sys.zel.test.t%d.n%03d", t, i);
+        if (c.post(evmdtest::block(name), static_cast<std::uint64_t>(i)) != 0) ++failed;
+        // The answer is here: the event must already be on the disk.
+        if (!io.durable(name)) ++early;
+      }
+    });
+  for (auto& p : posters) p.join();
+  EXPECT_EQ(failed.load(), 0);
+  EXPECT_EQ(early.load(), 0) << "answers that left before a finished sync covered their event";
+  EXPECT_LT(io.syncs(), kPosters * kEach) << "posters that waited during a sync did not share the next";
+  server_->requestStop();
+  thread_.join();
+  server_.reset();
+  EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), static_cast<std::size_t>(kPosters * kEach));
+}
+
+TEST_F(ServerTest, UnderTheIntervalPolicyAnswersLeaveOnceWrittenAndSyncsWaitForTheInterval) {
+  WatchedIo io;
+  options_.logIo = &io;
+  options_.sync = evmd::SyncPolicy::Interval;
+  options_.syncIntervalMs = 60000;
+  start();
+  Raw c;
+  ASSERT_EQ(c.connect(), 0);
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(c.post(evmdtest::block("sys.zel.test.i" + std::to_string(i)), 1), 0u);
+  EXPECT_LE(io.syncs(), 1) << "the interval policy synced per post";
+  server_->requestStop();
+  thread_.join();
+  server_.reset();
+  EXPECT_TRUE(io.durable("sys.zel.test.i19")) << "the stop did not sync what was written";
+  EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), 20u);
 }
 
 TEST_F(ServerTest, ConnectionsAreCappedPerUserAndAPlaceIsFreedWhenOneEnds) {

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "evm/libevm/evm_check.h"
 #include "evm/libevm/evm_conn.h"
 
 namespace evmd {
@@ -69,6 +70,9 @@ bool Session::lengthFits(std::uint32_t len, SessionSink& sink) {
     case Stage::PostBody:
       most = EVM_MAX_EVENT_SIZE;
       break;
+    case Stage::SubscribeBody:
+      most = static_cast<std::uint32_t>(EVM_SUBSCRIBE_OFF_PATTERN + EVM_SUBSCRIBE_MAX_FILTER + 1);
+      break;
     case Stage::Discard:
       most = head_.bodySize;
       break;
@@ -99,7 +103,10 @@ bool Session::received(std::size_t n, SessionSink& sink) {
       discardLeft_ -= static_cast<std::uint32_t>(k);
       if (discardLeft_ > 0) break;
       stage_ = Stage::Ready;
-      answerPost(evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED), sink);
+      if (head_.type == EvmCOMM_SUBSCRIPTION_REQ)
+        sink.answer(evmCommHead(EvmCOMM_SUBSCRIPTION_RSP, evmCommFlag(EvmCOMMFLAG_INVALID_DATA), head_.headerData, 0), false);
+      else
+        answerPost(evmCommFlag(EvmCOMMFLAG_EVENT_REJECTED), sink);
       continue;
     }
     if (avail < 4) break;
@@ -133,6 +140,17 @@ bool Session::handle(const unsigned char* msg, std::uint32_t len, SessionSink& s
       connect(msg, len, sink);
       return true;
     case Stage::Ready:
+      if (connector_ == EvmCOMM_SUBSCRIBER && isHead(EvmCOMM_SUBSCRIPTION_REQ)) {
+        head_ = h;
+        if (h.bodySize > EVM_SUBSCRIBE_OFF_PATTERN + EVM_SUBSCRIBE_MAX_FILTER + 1) {
+          // A pattern longer than any taken: its bytes are dropped as they come.
+          discardLeft_ = h.bodySize;
+          stage_ = Stage::Discard;
+        } else {
+          stage_ = Stage::SubscribeBody;
+        }
+        return true;
+      }
       if (!isHead(EvmCOMM_POST_REQ)) return cut(sink, "a client sent a message of a type not expected from it", "");
       head_ = h;
       if (h.bodySize > EVM_MAX_EVENT_SIZE) {
@@ -147,6 +165,10 @@ bool Session::handle(const unsigned char* msg, std::uint32_t len, SessionSink& s
     case Stage::PostBody:
       stage_ = Stage::Ready;
       post(msg, len, sink);
+      return true;
+    case Stage::SubscribeBody:
+      stage_ = Stage::Ready;
+      subscribe(msg, len, sink);
       return true;
     case Stage::Discard:
     case Stage::Closing:
@@ -179,6 +201,26 @@ void Session::connect(const unsigned char* msg, std::uint32_t len, SessionSink& 
   }
   sink.answer(evmCommHead(EvmCOMM_CONNECT_RSP, flags, 0, 0), false);
   stage_ = flags == 0 ? Stage::Ready : Stage::Closing;
+}
+
+bool Session::wants(const char* name) const {
+  return filter_.empty() || EvmEventNameMatch(filter_.c_str(), name) == EvmTRUE;
+}
+
+void Session::subscribe(const unsigned char* msg, std::uint32_t len, SessionSink& sink) {
+  std::uint32_t flags = evmCommFlag(EvmCOMMFLAG_INVALID_DATA);
+  if (len == head_.bodySize && len > EVM_SUBSCRIBE_OFF_PATTERN && msg[len - 1] == '\0') {
+    const char* pattern = reinterpret_cast<const char*>(msg + EVM_SUBSCRIBE_OFF_PATTERN);
+    std::size_t n = len - EVM_SUBSCRIBE_OFF_PATTERN - 1;
+    if (std::strlen(pattern) == n && n <= EVM_SUBSCRIBE_MAX_FILTER &&
+        (n == 0 || _evmStringCheck(pattern, nullptr, EvmTRUE) == EvmERROR_NONE)) {
+      filter_.assign(pattern, n);
+      // "*" asks for everything, as the empty filter does, and costs no match per event.
+      if (filter_ == "*") filter_.clear();
+      flags = 0;
+    }
+  }
+  sink.answer(evmCommHead(EvmCOMM_SUBSCRIPTION_RSP, flags, head_.headerData, 0), false);
 }
 
 void Session::answerPost(std::uint32_t verdict, SessionSink& sink) {
@@ -216,7 +258,11 @@ void Session::post(const unsigned char* msg, std::uint32_t len, SessionSink& sin
       }
     }
   }
-  if (verdict == 0) sink.accepted(event->head_p, event->head_p->control.size);
+  if (verdict == 0) {
+    EvmItemValue_t name;
+    sink.accepted(event->head_p, event->head_p->control.size,
+                  _evmuiItemGet(event, EvmITEM_NAME, &name) == EvmERROR_NONE ? name.NAME : "");
+  }
   if (event != nullptr) EvmEventDestroy(event);
   answerPost(verdict, sink);
 }

@@ -4,8 +4,10 @@
 // One client's side of the protocol, apart from its socket: bytes in, and out of them the
 // events to take and the answers to give. A client speaks a connect head and request, answered
 // by a connect response; then any number of posts (a head and an event block), each answered
-// unless it carries DO_NOT_ACK. Anything else (a length word that no message expected now can
-// have, a message of a type not expected now) ends the client and nothing more.
+// unless it carries DO_NOT_ACK. A listener may also send subscription requests (a head and a
+// name pattern), each answered: the pattern becomes its filter, or, when the pattern is refused,
+// the old filter stays. Anything else (a length word that no message expected now can have, a
+// message of a type not expected now) ends the client and nothing more.
 //
 // Memory grows with the bytes that arrived, never with what a length word claims: every length
 // is checked against the longest message the stage allows before any room is taken, and a post
@@ -35,8 +37,8 @@ struct Peer {
 class SessionSink {
  public:
   virtual ~SessionSink() = default;
-  // An event that passed every check, to be logged and handed to listeners.
-  virtual void accepted(const EvmEventHead_t* block, std::uint32_t size) = 0;
+  // An event that passed every check, to be logged and handed to listeners; `name` is its name.
+  virtual void accepted(const EvmEventHead_t* block, std::uint32_t size, const char* name) = 0;
   // An answer for the client. `acceptedPost` marks the answer to an accepted post, which must
   // turn into a failure if the event can't be committed.
   virtual void answer(const EvmCommHead_t& head, bool acceptedPost) = 0;
@@ -64,17 +66,21 @@ class Session {
   // A listener whose connect was accepted: it gets every accepted event.
   bool listening() const { return stage_ != Stage::ConnectHead && stage_ != Stage::ConnectBody &&
                                   stage_ != Stage::Closing && connector_ == EvmCOMM_SUBSCRIBER; }
+  // Whether a listener wants the event named `name`: every event until it names a filter.
+  bool wants(const char* name) const;
+  const std::string& filter() const { return filter_; }
   // The connect was refused: the client ends once that answer is out.
   bool closing() const { return stage_ == Stage::Closing; }
   const Peer& peer() const { return peer_; }
   std::size_t bufferSize() const { return in_.size(); }
 
  private:
-  enum class Stage { ConnectHead, ConnectBody, Ready, PostBody, Discard, Closing };
+  enum class Stage { ConnectHead, ConnectBody, Ready, PostBody, SubscribeBody, Discard, Closing };
   bool lengthFits(std::uint32_t len, SessionSink& sink);
   bool handle(const unsigned char* msg, std::uint32_t len, SessionSink& sink);
   void connect(const unsigned char* msg, std::uint32_t len, SessionSink& sink);
   void post(const unsigned char* msg, std::uint32_t len, SessionSink& sink);
+  void subscribe(const unsigned char* msg, std::uint32_t len, SessionSink& sink);
   void answerPost(std::uint32_t verdict, SessionSink& sink);
   bool cut(SessionSink& sink, const char* kind, const std::string& detail);
 
@@ -83,6 +89,7 @@ class Session {
   std::uint32_t connector_ = EvmCOMM_NO_CONNECTOR;
   EvmCommHead_t head_{};  // of the message awaited
   std::uint32_t discardLeft_ = 0;
+  std::string filter_;  // empty: every event
   std::vector<unsigned char> in_;
   std::size_t inStart_ = 0, inEnd_ = 0;
 };

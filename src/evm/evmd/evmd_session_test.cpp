@@ -14,7 +14,7 @@ namespace {
 using evmdtest::Bytes;
 
 struct Recorder : evmd::SessionSink {
-  void accepted(const EvmEventHead_t*, std::uint32_t size) override { sizes.push_back(size); }
+  void accepted(const EvmEventHead_t*, std::uint32_t size, const char*) override { sizes.push_back(size); }
   void answer(const EvmCommHead_t& h, bool acceptedPost) override {
     answers.push_back(h);
     if (acceptedPost) ++acceptedPosts;
@@ -54,6 +54,18 @@ evmd::Peer localPeer(uid_t uid, bool mayListen = false) {
   p.pid = 4242;
   p.mayListen = mayListen;
   return p;
+}
+
+// A subscription head and its message: the transport header, `pattern`, and a NUL unless told
+// otherwise; the head's bodySize says `claimed` bytes (0: the true length).
+Bytes subscribeBytes(const std::string& pattern, bool nul = true, std::uint32_t claimed = 0) {
+  Bytes body(EVM_SUBSCRIBE_OFF_PATTERN, 0);
+  body.insert(body.end(), pattern.begin(), pattern.end());
+  if (nul) body.push_back(0);
+  _evmFillTransportHeader(body.data(), static_cast<EvmUint32_t>(body.size()));
+  Bytes all = headBytes(EvmCOMM_SUBSCRIPTION_REQ, 0, 0, claimed != 0 ? claimed : static_cast<std::uint32_t>(body.size()));
+  all.insert(all.end(), body.begin(), body.end());
+  return all;
 }
 
 class SessionTest : public ::testing::Test {
@@ -165,6 +177,41 @@ TEST_F(SessionTest, MemoryFollowsArrivedBytesAndAnOverlongEventIsDroppedAsItCome
   EXPECT_EQ(sink_.answers.back().flags, 0u);
   EXPECT_EQ(sink_.acceptedPosts, 2);
   EXPECT_EQ(sink_.sizes.size(), 2u);
+}
+
+TEST_F(SessionTest, AListenersFilterIsReplacedByEachGoodPatternAndABadOneKeepsTheOld) {
+  evmd::Session s(localPeer(0, true));
+  ASSERT_TRUE(feed(s, connectBytes(EvmCOMM_SUBSCRIBER, 0)));
+  EXPECT_TRUE(s.wants("anything.at.all"));
+  ASSERT_TRUE(feed(s, subscribeBytes("sys.zel.*.res.?")));
+  EXPECT_TRUE(s.wants("sys.zel.clu.vyn.res.profile"));
+  EXPECT_FALSE(s.wants("sys.zel.clu.vyn.res.profile.delete"));
+  std::string tooLong(EVM_SUBSCRIBE_MAX_FILTER - 1, 'a');
+  tooLong += ".b";
+  for (const Bytes& bad : {subscribeBytes("sys..zel"), subscribeBytes("sys.z*"), subscribeBytes("sys.zel", false),
+                           subscribeBytes(std::string("sys\0zel", 7)), subscribeBytes(tooLong)}) {
+    ASSERT_TRUE(feed(s, bad));
+    EXPECT_EQ(sink_.answers.back().type, static_cast<std::uint32_t>(EvmCOMM_SUBSCRIPTION_RSP));
+    EXPECT_EQ(sink_.answers.back().flags, evmCommFlag(EvmCOMMFLAG_INVALID_DATA));
+    EXPECT_EQ(s.filter(), "sys.zel.*.res.?");
+  }
+  // A body far longer than any pattern is dropped as it comes, never held.
+  Bytes huge = subscribeBytes(std::string(200000, 'x'));
+  ASSERT_TRUE(feed(s, huge));
+  EXPECT_LT(s.bufferSize(), 100000u);
+  EXPECT_EQ(sink_.answers.back().flags, evmCommFlag(EvmCOMMFLAG_INVALID_DATA));
+  ASSERT_TRUE(feed(s, subscribeBytes("")));
+  EXPECT_EQ(sink_.answers.back().flags, 0u);
+  EXPECT_TRUE(s.wants("other"));
+  EXPECT_EQ(sink_.answers.size(), 9u);  // the connect and eight subscriptions, each answered
+}
+
+TEST_F(SessionTest, ASubscriptionFromAPosterIsAProtocolError) {
+  evmd::Session s(localPeer(1000));
+  ASSERT_TRUE(feed(s, connectBytes(EvmCOMM_POSTER, 1000)));
+  EXPECT_FALSE(feed(s, subscribeBytes("sys.*")));
+  EXPECT_TRUE(s.closing());
+  EXPECT_EQ(sink_.answers.size(), 1u);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <string>
@@ -65,9 +66,10 @@ class FailingIo : public evmd::LogIo {
     }
     return evmd::LogIo::fdatasync(fd);
   }
-  bool failWrites = false;
-  bool failSyncs = false;
-  int syncs = 0;
+  // Set by a test while the log's threads call in.
+  std::atomic<bool> failWrites{false};
+  std::atomic<bool> failSyncs{false};
+  std::atomic<int> syncs{0};
 };
 
 inline std::string slurp(const std::string& path) {
