@@ -280,4 +280,32 @@ TEST_F(EvmshowTest, ReadsTheLogTheDaemonWrote) {
   EXPECT_EQ(show({"-n", "*.update"}).out, "Profile r9 changed\n");
 }
 
+TEST_F(EvmshowTest, EveryEventTheDaemonRotatedAwayIsReadBackOnceInOrder) {
+  std::filesystem::create_directories(home_.root() + "/ipc");
+  setenv("VYN_IPC_DIR", (home_.root() + "/ipc").c_str(), 1);
+  setenv("ZEL_VYN_HOME", home_.home().c_str(), 1);
+  unsetenv("GMX_CLUSTERNAME");
+  const int kEvents = 60;
+  {
+    // A log of 1 KiB holds a few events: the daemon rotates many times, keeping every file.
+    vyntest::Daemon d(home_, {"-logsize", "1K", "-logkeep", "100"});
+    ASSERT_NE(d.banner().find("listening on"), std::string::npos);
+    for (int i = 0; i < kEvents; ++i) {
+      EvmEvent_t ev = event("sys.zel.test.rotate", kT0, "n=$n");
+      EvmVarSetString(ev, "n", std::to_string(i).c_str());
+      ASSERT_EQ(EvmEventPost(nullptr, ev), EvmERROR_NONE);
+      EvmEventDestroy(ev);
+    }
+    EXPECT_EQ(d.stop(), 0);
+  }
+  ASSERT_TRUE(std::filesystem::exists(home_.home() + "/log/evm/events.log.3")) << "the log did not rotate";
+  std::string expected;
+  for (int i = 0; i < kEvents; ++i) expected += "n=" + std::to_string(i) + "\n";
+  Outcome o = show({"-a"});
+  EXPECT_EQ(o.status, 0);
+  EXPECT_EQ(o.err, "") << "no event was torn across two files";
+  EXPECT_EQ(o.out, expected);
+  EXPECT_EQ(show({"-a", "-c", "2"}).out, "n=58\nn=59\n");
+}
+
 }  // namespace

@@ -108,6 +108,20 @@ TEST_F(EvmwatchTest, PrintsEventsAsPostedAndSaysOnceWhenTheDaemonGoes) {
   EXPECT_EQ(vyntest::slurp(err_), "EVM-0067: The connection to the event daemon was lost\n");
 }
 
+TEST_F(EvmwatchTest, AFilterTakenByTheDaemonPassesOnlyMatchingNames) {
+  auto d = std::make_unique<vyntest::Daemon>(home_);
+  vyntest::Running w = watch("-n 'sys.zel.test.?' -t '@name $x'");
+  waitUntilListening();  // sys.zel.test.warm matches
+  post("sys.zel.other.one", "no");
+  post("sys.zel.test.deeper.two", "no");
+  post("sys.zel.test.three", "yes");
+  for (int i = 0; i < 500 && lines(afterWarmUp()) < 1; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_EQ(afterWarmUp(), "sys.zel.test.three yes\n");
+  EXPECT_EQ(vyntest::slurp(err_), "") << "the daemon took the filter";
+  kill(w.pid(), SIGTERM);
+  EXPECT_EQ(w.wait(5000).status, 0);
+}
+
 TEST_F(EvmwatchTest, ReconnectsToARestartedDaemonAndEndsCleanlyOnASignal) {
   auto d = std::make_unique<vyntest::Daemon>(home_);
   vyntest::Running w = watch("-r -j");
