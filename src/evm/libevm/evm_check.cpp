@@ -143,13 +143,17 @@ EvmStatus_t _evmStringCheck(const char* name, EvmUint32_t* components, EvmBoolea
 
 namespace {
 
-// The next dot-separated component of `*rest`, which moves past it and its dot.
-std::string_view nextComponent(std::string_view* rest) {
-  std::size_t dot = rest->find('.');
-  std::string_view c = rest->substr(0, dot);
-  rest->remove_prefix(dot == std::string_view::npos ? rest->size() : dot + 1);
-  return c;
-}
+// A walk over the dot-separated components of a name, without copying it.
+struct Components {
+  std::string_view text;
+  std::size_t at = 0;  // start of the current component; text.size() + 1 past the last
+  bool done() const { return at > text.size() || text.empty(); }
+  std::string_view current() const {
+    std::size_t dot = text.find('.', at);
+    return text.substr(at, dot == std::string_view::npos ? std::string_view::npos : dot - at);
+  }
+  void next() { at += current().size() + 1; }
+};
 
 }  // namespace
 
@@ -158,28 +162,30 @@ EvmBoolean_t EvmEventNameMatch(const char* pattern, const char* name) {
   std::string_view pat(pattern);
   if (pat.empty() || pat == "*") return EvmTRUE;
   if (name == nullptr || *name == '\0') return EvmFALSE;
-  std::vector<std::string_view> p, n;
-  for (std::string_view rest = pat; !rest.empty();) p.push_back(nextComponent(&rest));
-  for (std::string_view rest(name); !rest.empty();) n.push_back(nextComponent(&rest));
-  // Wildcard matching over components, backtracking only to the last "*": linear in practice and
-  // at worst |p| x |n|, so a hostile pattern costs no more than that.
-  std::size_t i = 0, j = 0, star = std::string_view::npos, resume = 0;
-  while (j < n.size()) {
-    if (i < p.size() && p[i] == "*") {
-      star = i++;
-      resume = j;
-    } else if (i < p.size() && (p[i] == "?" || p[i] == n[j])) {
-      ++i;
-      ++j;
-    } else if (star != std::string_view::npos) {
-      i = star + 1;
-      j = ++resume;
+  // Wildcard matching over components, backtracking only to the last "*": at worst |p| x |n|
+  // steps, so a hostile pattern costs no more than that, and nothing is allocated.
+  Components p{pat}, n{name};
+  Components starP, starN;
+  bool star = false;
+  while (!n.done()) {
+    if (!p.done() && p.current() == "*") {
+      star = true;
+      p.next();
+      starP = p;
+      starN = n;
+    } else if (!p.done() && (p.current() == "?" || p.current() == n.current())) {
+      p.next();
+      n.next();
+    } else if (star) {
+      starN.next();
+      p = starP;
+      n = starN;
     } else {
       return EvmFALSE;
     }
   }
-  while (i < p.size() && p[i] == "*") ++i;
-  return i == p.size() ? EvmTRUE : EvmFALSE;
+  while (!p.done() && p.current() == "*") p.next();
+  return p.done() ? EvmTRUE : EvmFALSE;
 }
 
 EvmStatus_t _evmValidate(EvmEvent_t event, EvmUint32_t* components) {
