@@ -369,6 +369,7 @@ TEST_F(EvmdTest, TcpPostersFindTheDaemonThroughTheRegistry) {
 
 }  // namespace
 
+
 namespace {
 
 TEST_F(EvmdTest, ATornLogEndIsCutBeforeNewEventsFollow) {

@@ -155,6 +155,32 @@ TEST_F(EvmwatchTest, NoDaemonIsStatusOneABadCommandLineTwo) {
   }
 }
 
+TEST_F(EvmwatchTest, OverTcpOnlyADaemonThatLetsTcpPeersListenIsWatched) {
+  // The daemon publishes its TCP port in the registry, which must exist for that.
+  vyntest::Outcome made = vyntest::run(vyntest::binary("vyn_vrg"), {"set", "SYSTEM.test.made", "1"},
+                                       {{"VYN_REGISTRY", home_.root() + "/registry.db"}}, home_.work());
+  ASSERT_EQ(made.status, 0) << made.err;
+  char host[256];
+  ASSERT_EQ(gethostname(host, sizeof host), 0);
+  for (bool allowed : {false, true}) {
+    std::vector<std::string> args = {"-tcp", "127.0.0.1:0"};
+    if (allowed) args.push_back("-tcplisten");
+    auto d = std::make_unique<vyntest::Daemon>(home_, args);
+    ASSERT_NE(d->banner().find("PROTOCOL=tcp"), std::string::npos) << d->banner();
+    vyntest::Running w = watch("-h " + std::string(host) + " -t '@name'");
+    if (!allowed) {
+      EXPECT_EQ(w.wait(5000).status, 1);
+      EXPECT_EQ(vyntest::slurp(err_).rfind("EVM-0068: Cannot connect to the event daemon: ", 0), 0u)
+          << vyntest::slurp(err_);
+      continue;
+    }
+    waitUntilListening();
+    kill(w.pid(), SIGTERM);
+    EXPECT_EQ(w.wait(5000).status, 0);
+    EXPECT_EQ(vyntest::slurp(err_), "");
+  }
+}
+
 // A daemon that answers by hand and keeps what the client sent.
 class FakeDaemon {
  public:

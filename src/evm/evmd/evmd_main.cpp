@@ -18,11 +18,12 @@
 namespace {
 
 const char kUsage[] =
-    "Usage: vyn_evmd [-tcp host[:port]] [-group name] [-sync batch|interval] [-syncms milliseconds]\n"
+    "Usage: vyn_evmd [-tcp host[:port] [-tcplisten]] [-group name] [-sync batch|interval] [-syncms milliseconds]\n"
     "                [-logsize bytes[K|M|G]] [-logkeep n] [-maxclients n] [-maxperuser n]\n"
     "  -tcp         also listen on TCP at that address (port 0 or none: any free port), take\n"
     "               connections from loopback only, and publish the address under\n"
     "               SYSTEM.evm.rmport.<host> in the registry\n"
+    "  -tcplisten   let TCP peers listen to events too (any local user can then read them)\n"
     "  -group       members of this group may listen to events, besides the superuser\n"
     "  -sync        batch (default): no answer leaves before an fdatasync covered its event,\n"
     "               posters that arrive during one sync share the next;\n"
@@ -79,6 +80,8 @@ int main(int argc, char** argv) {
     std::string a = argv[i];
     if (a == "-tcp" && i + 1 < argc && tcpAddress(argv[i + 1], &o.tcpAddress)) {
       ++i;
+    } else if (a == "-tcplisten") {
+      o.tcpListen = true;
     } else if (a == "-group" && i + 1 < argc && *argv[i + 1] != '\0') {
       o.listenGroup = argv[++i];
     } else if (a == "-maxclients" && i + 1 < argc && number(argv[i + 1], &o.maxClients)) {

@@ -311,6 +311,7 @@ void Server::accept(int listenFd, bool tcp) {
         continue;
       }
       peer.local = false;
+      peer.mayListen = options_.tcpListen;
       key = (std::uint64_t{1} << 32) | ntohl(sin.sin_addr.s_addr);
     } else {
       ucred cred{};

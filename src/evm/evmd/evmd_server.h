@@ -57,6 +57,9 @@ struct Options {
   std::string tcpAddress;    // a TCP address to listen on too, "(ADDRESS=(PROTOCOL=tcp)(HOST=h)(PORT=p))"; empty: none
   bool registerTcp = true;   // write the TCP address under SYSTEM.evm.rmport.<host>
   std::string listenGroup;   // members of this group may listen, besides the superuser
+  // A TCP peer's user is not known, so TCP peers may only post unless the administrator lets
+  // them listen (and so lets every local user read the events).
+  bool tcpListen = false;
   SyncPolicy sync = SyncPolicy::Group;
   int syncIntervalMs = 200;  // Interval only
   LogLimits logLimits;
