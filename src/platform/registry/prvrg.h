@@ -48,6 +48,7 @@ enum {
   PRVRG_ERR_NO_MORE = 16,     // no further subkey
   PRVRG_ERR_BUFFER = 17,      // the caller's buffer is too small; the length tells what is needed
   PRVRG_ERR_LEVEL = 24,       // the call cannot be served at the DEFAULT level
+  PRVRG_ERR_CONFLICT = 25,    // other writers kept changing the keys; nothing was done
 };
 
 enum {
