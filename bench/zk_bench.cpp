@@ -1,0 +1,110 @@
+// The registry and membership on a ZooKeeper server, each measure beside a bare client call on
+// the same server in the same run:
+//   Get/bare, Get/prvrg     zoo_get of one key's znode; prvrg_get_value of that key (open)
+//   Set/bare, Set/prvrg     zoo_set of the same data; prvrg_set_value of the same value
+// The server is a standalone one from the `zookeeper` package, started by this program on a free
+// loopback port and stopped when it ends.
+#include <benchmark/benchmark.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "platform/registry/prvrg.h"
+#include "platform/registry/prvrg_znode.h"
+#include "platform/registry/zk_connection.h"
+#include "platform/registry/zk_test_server.h"
+
+namespace {
+
+using vyntest::ZkTestServer;
+
+const char* const kKey = "VYN.CUR.res1.RESTART_ATTEMPTS";
+const std::string kValue = "ora.db1.inst:restart-attempts=3";
+
+// The server, a registry handle on a chroot of its own with the key made, and a bare session.
+struct Setup {
+  Setup() {
+    server = ZkTestServer::shared();
+    if (server == nullptr) return;
+    std::string address = server->address("/zk_bench");
+    setenv("VYN_REGISTRY", address.c_str(), 1);
+    char err[1024];
+    std::size_t len = sizeof err;
+    if (prvrg_init_ext(&ctx, PRVRG_LEVEL_DEFAULT, err, &len, PRVRG_FLAG_CREATE) != PRVRG_SUCC ||
+        prvrg_create_n_set_key(ctx, nullptr, kKey, &key, nullptr, prvrg_dtype_ZELTEXT, kValue.c_str(),
+                               kValue.size() + 1, prvrg_security{}) != PRVRG_SUCC)
+      std::abort();
+    bare = new zk::Connection(zk::parseAddress(address), 4000);
+    path = znode::pathOf("/zk_bench", kKey);
+    znode::Record r;
+    r.dtype = prvrg_dtype_ZELTEXT;
+    r.value = kValue;
+    data = znode::encode(r);
+  }
+  ZkTestServer* server = nullptr;
+  prvrg_ctx* ctx = nullptr;
+  prvrg_key* key = nullptr;
+  zk::Connection* bare = nullptr;
+  std::string path, data;
+};
+
+Setup& setup() {
+  static Setup s;
+  return s;
+}
+
+bool ready(benchmark::State& state) {
+  if (setup().server != nullptr) return true;
+  state.SkipWithError(ZkTestServer::skipReason());
+  return false;
+}
+
+void BM_GetBare(benchmark::State& state) {
+  if (!ready(state)) return;
+  Setup& s = setup();
+  char buf[4096];
+  for (auto _ : state) {
+    int len = sizeof buf;
+    Stat st;
+    if (zoo_get(s.bare->handle(), s.path.c_str(), 0, buf, &len, &st) != ZOK) state.SkipWithError("zoo_get");
+    benchmark::DoNotOptimize(buf);
+  }
+}
+BENCHMARK(BM_GetBare)->Name("Get/bare")->UseRealTime();
+
+void BM_GetPrvrg(benchmark::State& state) {
+  if (!ready(state)) return;
+  Setup& s = setup();
+  char buf[4096];
+  for (auto _ : state) {
+    std::size_t len = sizeof buf;
+    int type = 0;
+    if (prvrg_get_value(s.ctx, s.key, &type, buf, &len) != PRVRG_SUCC) state.SkipWithError("prvrg_get_value");
+    benchmark::DoNotOptimize(buf);
+  }
+}
+BENCHMARK(BM_GetPrvrg)->Name("Get/prvrg")->UseRealTime();
+
+void BM_SetBare(benchmark::State& state) {
+  if (!ready(state)) return;
+  Setup& s = setup();
+  for (auto _ : state) {
+    if (zoo_set(s.bare->handle(), s.path.c_str(), s.data.data(), static_cast<int>(s.data.size()), -1) != ZOK)
+      state.SkipWithError("zoo_set");
+  }
+}
+BENCHMARK(BM_SetBare)->Name("Set/bare")->UseRealTime();
+
+void BM_SetPrvrg(benchmark::State& state) {
+  if (!ready(state)) return;
+  Setup& s = setup();
+  for (auto _ : state) {
+    if (prvrg_set_value(s.ctx, s.key, prvrg_dtype_ZELTEXT, kValue.c_str(), kValue.size() + 1) != PRVRG_SUCC)
+      state.SkipWithError("prvrg_set_value");
+  }
+}
+BENCHMARK(BM_SetPrvrg)->Name("Set/prvrg")->UseRealTime();
+
+}  // namespace
+
+BENCHMARK_MAIN();
