@@ -11,6 +11,7 @@
 #include "evm/evmd/evmd_server.h"
 #include "evm/libevm/clsgenv.h"
 #include "evm/libevm/evm_conn.h"
+#include "platform/gmx/gmx.h"
 #include "platform/trace/dtr.h"
 
 namespace {
@@ -90,6 +91,9 @@ int main(int argc, char** argv) {
   std::free(address);
   try {
     evmd::Server server(o);
+    // This node is up in its cluster while we run: joined once we listen, left at a clean stop.
+    // A node that cannot join is traced and counts as down; the daemon runs on.
+    gmxNodeMember member;
     // One line when the sockets are up, so that whoever started us can wait for it.
     std::printf("vyn_evmd: listening on %s%s%s\n", o.localAddress.c_str(), o.tcpAddress.empty() ? "" : " ", server.tcpAddress().c_str());
     std::fflush(stdout);
