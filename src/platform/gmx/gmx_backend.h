@@ -60,8 +60,9 @@ class Backend {
   virtual int members(const std::string& group, std::vector<gmxnode>* nodes, std::string* why) = 0;
 };
 
-// The backend for this process: the registry heartbeat backend. nullptr and *why when the store
-// cannot be opened.
+// The backend for this process: ephemeral znodes when the registry is a ZooKeeper ensemble
+// (gmx_zk.h), else the registry heartbeat backend. nullptr and *why when the store cannot be
+// opened.
 std::unique_ptr<Backend> makeBackend(std::string* why);
 std::unique_ptr<Backend> makeRegistryBackend(std::string* why);
 
