@@ -1,5 +1,6 @@
 #include "platform/registry/zk_connection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -121,7 +122,20 @@ zhandle_t* Connection::handle() {
     if (zh_ == nullptr) start();
   }
   auto allowed = waitAllowed();
-  bool ok = changed_.wait_for(lock, allowed, [this] { return state_ == ZOO_CONNECTED_STATE; });
+  auto now = std::chrono::steady_clock::now();
+  auto deadline = now + allowed, hard = now + kConnectWait;
+  while (state_ != ZOO_CONNECTED_STATE) {
+    now = std::chrono::steady_clock::now();
+    if (now >= deadline) {
+      // A short wait that found a server taking the connection waits for its answer in full.
+      if (deadline < hard && zoo_state(zh_) == ZOO_ASSOCIATING_STATE)
+        deadline = hard;
+      else
+        break;
+    }
+    changed_.wait_until(lock, std::min(deadline, now + std::chrono::milliseconds(10)));
+  }
+  bool ok = state_ == ZOO_CONNECTED_STATE;
   noteWait(ok);
   if (!ok)
     registryFail(PRVRG_ERR_LEVEL, failureText("the ensemble " + address_.hosts + " cannot be reached (waited " +

@@ -7,8 +7,8 @@
 //
 // Time-outs. Connecting, and every later wait for the ensemble, lasts at most kConnectWait;
 // when it runs out the caller gets PRVRG_ERR_LEVEL (24). A process pays that wait once: after one
-// has run out, later waits of the process are cut to kShortWait until some session of the
-// process is connected again. A server that goes silent in the middle of a call is given up by the
+// has run out, later waits of the process are cut to kShortWait (unless a server has taken the
+// connection by then) until some session of the process is connected again. A server that goes silent in the middle of a call is given up by the
 // client library after two thirds of the session time-out.
 //
 // A connection whose session has expired starts a new session at its next use (generation() then

@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -66,7 +67,7 @@ class ZkTestServer {
     }
     auto until = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (std::chrono::steady_clock::now() < until) {
-      if (accepting()) return true;
+      if (serving()) return true;
       if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
         pid_ = -1;
         return false;
@@ -126,15 +127,24 @@ class ZkTestServer {
     close(fd);
     return ntohs(a.sin_port);
   }
-  bool accepting() const {
+  // Whether the server answers the "srvr" command as a serving server does (it takes connections
+  // before it has loaded its data).
+  bool serving() const {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in a{};
     a.sin_family = AF_INET;
     a.sin_port = htons(static_cast<uint16_t>(port_));
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    std::string reply;
+    timeval tv{2, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 && write(fd, "srvr", 4) == 4) {
+      char buf[512];
+      ssize_t n;
+      while ((n = read(fd, buf, sizeof buf)) > 0) reply.append(buf, static_cast<std::size_t>(n));
+    }
     close(fd);
-    return ok;
+    return reply.find("Mode: ") != std::string::npos;
   }
 
   std::string dir_;
