@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "platform/gmx/gmx_backend.h"
 #include "platform/registry/prvrg.h"
@@ -19,11 +21,11 @@ namespace fs = std::filesystem;
 namespace {
 
 void* testMalloc(void* mmctx, std::size_t size) {
-  ++*static_cast<int*>(mmctx);
+  ++*static_cast<std::atomic<int>*>(mmctx);
   return std::malloc(size);
 }
 void testFree(void* mmctx, void* p) {
-  --*static_cast<int*>(mmctx);
+  --*static_cast<std::atomic<int>*>(mmctx);
   std::free(p);
 }
 
@@ -46,7 +48,7 @@ class ClscluTest : public ::testing::Test {
   }
   void TearDown() override {
     EXPECT_EQ(clsclu_term(ctx_), clscluretSUCC);
-    EXPECT_EQ(allocated_, 0) << "blocks not released";
+    EXPECT_EQ(allocated_.load(), 0) << "blocks not released";
     prvrg_terminate(reg_);
     unsetenv("VYN_REGISTRY");
     unsetenv("VYN_NODE_NAME");
@@ -73,7 +75,7 @@ class ClscluTest : public ::testing::Test {
   std::string dir_;
   prvrg_ctx* reg_ = nullptr;
   clscluctx* ctx_ = nullptr;
-  int allocated_ = 0;
+  std::atomic<int> allocated_{0};
 };
 
 TEST_F(ClscluTest, EveryEntryRefusesANullOrForeignContext) {
@@ -211,6 +213,27 @@ TEST_F(ClscluTest, AGivenServiceContextIsUsedAndLeftToItsOwner) {
   gmxnode me = 0;
   EXPECT_EQ(gmxnsqlnum(g, &me), GMX_SUCC);  // still alive
   gmxsterm(g);
+}
+
+TEST_F(ClscluTest, ThreadsShareAContext) {
+  clscluctx* c = init();
+  ASSERT_NE(c, nullptr);
+  std::vector<std::thread> threads;
+  std::atomic<int> failures{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([c, &failures] {
+      for (int i = 0; i < 100; ++i) {
+        clu_gen_info* info = nullptr;
+        char state[8];
+        int id = 0;
+        if (clsclu_get_info(c, &info) != clscluretSUCC || info->clu_num_of_members != 3 ||
+            clsclu_free_info(c, &info) != clscluretSUCC || clsclu_info(c, CLU_INFO_MEMBSTATE, 8, state) != clscluretSUCC ||
+            state[2] != 1 || clsclu_info(c, CLU_INFO_MEMBERID_BY_NAME, "gamma", &id) != clscluretSUCC || id != 5)
+          ++failures;
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
 }
 
 }  // namespace

@@ -28,13 +28,26 @@ std::string slurp(const std::string& path) {
   return ss.str();
 }
 
+// The test's directory. A death test's child leaves through finish(), which removes the
+// directory its own run of SetUp made, since TearDown does not run there.
+std::string g_dir;
+
+[[noreturn]] void finish(int code) {
+  std::error_code ec;
+  fs::remove_all(g_dir, ec);
+  std::exit(code);
+}
+
 class CluinfoTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // A child runs the test anew from the start, so that it has no client of the parent's.
+    savedStyle_ = ::testing::FLAGS_gtest_death_test_style;
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";
     char tmpl[] = "/tmp/cluinfo_test.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
+    g_dir = dir_;
     fs::create_directories(dir_ + "/log");
     setenv("VYN_REGISTRY", (dir_ + "/reg.db").c_str(), 1);
     setenv("VYN_NODE_NAME", "Beta.example.com", 1);
@@ -54,15 +67,17 @@ class CluinfoTest : public ::testing::Test {
     prvrg_terminate(reg);
   }
   void TearDown() override {
+    ::testing::FLAGS_gtest_death_test_style = savedStyle_;
     for (const char* v : {"VYN_REGISTRY", "VYN_NODE_NAME", "GMX_CLUSTERNAME", "ZEL_VYN_HOME"}) unsetenv(v);
     fs::remove_all(dir_);
   }
 
   std::string dir_;
+  std::string savedStyle_;
 };
 
 TEST_F(CluinfoTest, BeforeTheContextIsMadeEveryRequestFails) {
-  EXPECT_EXIT(std::exit([&]() -> int {
+  EXPECT_EXIT(finish([&]() -> int {
         int id = 0;
         clu_gen_info* info = nullptr;
         if (clu_is_ready() != 0) return 1;
@@ -76,7 +91,7 @@ TEST_F(CluinfoTest, BeforeTheContextIsMadeEveryRequestFails) {
 }
 
 TEST_F(CluinfoTest, TheContextIsMadeOnceAndAnswersForTheProcess) {
-  EXPECT_EXIT(std::exit([&]() -> int {
+  EXPECT_EXIT(finish([&]() -> int {
         if (clu_ctxinit(nullptr, nullptr) != 0) return 1;
         clscluctx* first = clugetctx();
         if (clu_ctxinit(nullptr, nullptr) != 0 || clugetctx() != first) return 2;
@@ -108,7 +123,7 @@ TEST_F(CluinfoTest, TheContextIsMadeOnceAndAnswersForTheProcess) {
 
 TEST_F(CluinfoTest, ANodeIsAMemberWhileItsHeartbeatIsFresh) {
   setenv("VYN_NODE_NAME", "alpha", 1);
-  EXPECT_EXIT(std::exit([&]() -> int {
+  EXPECT_EXIT(finish([&]() -> int {
         if (clu_is_member() != 0) return 1;  // no context yet
         if (clu_ctxinit(nullptr, nullptr) != 0) return 2;
         return clu_is_member() == 1 ? 0 : 3;
@@ -119,7 +134,7 @@ TEST_F(CluinfoTest, ANodeIsAMemberWhileItsHeartbeatIsFresh) {
 TEST_F(CluinfoTest, AFailedStartLeavesNoContextAndMayBeTriedAgain) {
   std::string store = dir_ + "/reg.db";
   setenv("VYN_REGISTRY", (dir_ + "/none.db").c_str(), 1);
-  EXPECT_EXIT(std::exit([&]() -> int {
+  EXPECT_EXIT(finish([&]() -> int {
         if (clu_ctxinit(nullptr, nullptr) == 0 || clu_is_ready() != 0) return 1;
         setenv("VYN_REGISTRY", store.c_str(), 1);
         if (clu_ctxinit(nullptr, nullptr) != 0 || clu_is_ready() != 1) return 2;
@@ -129,7 +144,7 @@ TEST_F(CluinfoTest, AFailedStartLeavesNoContextAndMayBeTriedAgain) {
 }
 
 TEST_F(CluinfoTest, TraceLinesGoToTheirComponentWhileTracingIsOn) {
-  EXPECT_EXIT(std::exit([&]() -> int {
+  EXPECT_EXIT(finish([&]() -> int {
         dtrreset();
         int off = 0;
         evmclstrc(&off, "quiet %d", 1);
@@ -142,16 +157,21 @@ TEST_F(CluinfoTest, TraceLinesGoToTheirComponentWhileTracingIsOn) {
       ::testing::ExitedWithCode(0), "");
 }
 
+// In a child as well: the home, once looked up, stays with the process.
 TEST_F(CluinfoTest, TheOwnTraceFileIsAppendedToPerNode) {
-  EXPECT_EQ(evmcls_iprintf("abc", 3), 3);
-  EXPECT_EQ(evmcls_iprintf("de\n", 3), 3);
-  EXPECT_EQ(slurp(dir_ + "/log/evm_clss_beta.trc"), "abcde\n");
-  EXPECT_EQ(evmcls_iprintf("", 0), 0);
+  EXPECT_EXIT(finish([this]() -> int {
+        if (evmcls_iprintf("abc", 3) != 3 || evmcls_iprintf("de\n", 3) != 3) return 1;
+        if (slurp(dir_ + "/log/evm_clss_beta.trc") != "abcde\n") return 2;
+        if (evmcls_iprintf("", 0) != 0) return 3;
+        return 0;
+      }()),
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(CluinfoTest, TheOwnTraceFileNeedsAHome) {
   unsetenv("ZEL_VYN_HOME");
-  EXPECT_DEATH(evmcls_iprintf("x", 1), "evmcls_iprintf: ZEL_VYN_HOME is not set");
+  // The child dies before it could clean up: its directory goes first.
+  EXPECT_DEATH((fs::remove_all(g_dir), evmcls_iprintf("x", 1)), "evmcls_iprintf: ZEL_VYN_HOME is not set");
 }
 
 }  // namespace

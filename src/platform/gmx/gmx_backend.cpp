@@ -90,14 +90,18 @@ int Registry::subkeys(const std::string& name, std::vector<std::string>* names) 
   int rc = key.open(name);
   if (rc == PRVRG_ERR_NO_KEY) return PRVRG_SUCC;
   if (rc != PRVRG_SUCC) return rc;
+  std::vector<char> buf(256);
   for (;;) {
-    char buf[512];
-    std::size_t len = sizeof buf;
-    rc = prvrg_enum_subkey(ctx_, key.get(), buf, &len, nullptr);
+    std::size_t len = buf.size();
+    rc = prvrg_enum_subkey(ctx_, key.get(), buf.data(), &len, nullptr);
     if (rc == PRVRG_ERR_NO_MORE) return PRVRG_SUCC;
-    if (rc == PRVRG_ERR_BUFFER) continue;  // no name of ours is that long: pass it over
+    if (rc == PRVRG_ERR_BUFFER && len > buf.size()) {
+      // The cursor stays before a name that did not fit: ask again with room for it.
+      buf.resize(len);
+      continue;
+    }
     if (rc != PRVRG_SUCC) return rc;
-    names->push_back(buf);
+    names->push_back(buf.data());
   }
 }
 
@@ -163,10 +167,25 @@ struct Beat {
   long long pid = 0;
 };
 
+// Anyone who may write the store may write a heartbeat: every field is checked and bounded, so
+// that no arithmetic on it can overflow.
+bool parseField(const char** p, long long max, long long* out) {
+  const char* s = *p;
+  if (*s < '0' || *s > '9') return false;
+  long long v = 0;
+  for (; *s >= '0' && *s <= '9'; ++s) {
+    v = v * 10 + (*s - '0');
+    if (v > max) return false;
+  }
+  *out = v;
+  *p = s;
+  return true;
+}
+
 bool parseBeat(const std::string& text, Beat* beat) {
-  char extra = 0;
-  return std::sscanf(text.c_str(), "%lld %lld %lld %c", &beat->stampMs, &beat->periodMs, &beat->pid, &extra) == 3 &&
-         beat->periodMs > 0;
+  const char* p = text.c_str();
+  return parseField(&p, 1LL << 50, &beat->stampMs) && *p++ == ' ' && parseField(&p, 1LL << 31, &beat->periodMs) &&
+         *p++ == ' ' && parseField(&p, 1LL << 31, &beat->pid) && *p == '\0' && beat->periodMs > 0;
 }
 
 }  // namespace

@@ -178,6 +178,7 @@ TEST_F(GmxTest, BadEntriesAreLeftOutAndASharedNameNamesNoNode) {
   set("SYSTEM.gmx.node.5", ".dom");
   set("SYSTEM.gmx.node.6", "alpha");
   set("SYSTEM.gmx.node.9", "Alpha.other");
+  set("SYSTEM.gmx.node." + std::string(600, '7'), "epsilon");  // a name longer than any buffer
   std::uint32_t count = 0;
   EXPECT_EQ(configured(&count), (std::vector<gmxnode>{1, 6, 9}));
   EXPECT_EQ(count, 3u);
@@ -191,6 +192,7 @@ TEST_F(GmxTest, BadEntriesAreLeftOutAndASharedNameNamesNoNode) {
   for (const auto& l : lines_) all += l + "\n";
   EXPECT_NE(all.find("gmx: SYSTEM.gmx.node.x is not a node number below 256\n"), std::string::npos) << all;
   EXPECT_NE(all.find("gmx: SYSTEM.gmx.node.03 is not a node number"), std::string::npos) << all;
+  EXPECT_NE(all.find("gmx: SYSTEM.gmx.node.777"), std::string::npos) << all;
   EXPECT_NE(all.find("gmx: SYSTEM.gmx.node.4 holds no usable node name\n"), std::string::npos) << all;
   EXPECT_NE(all.find("gmx: SYSTEM.gmx.node.5 holds no usable node name\n"), std::string::npos) << all;
   EXPECT_NE(all.find("gmx: the name alpha is given to 2 nodes; it names none of them\n"), std::string::npos) << all;
@@ -246,6 +248,12 @@ TEST_F(GmxTest, AMemberIsUpWhileItsHeartbeatIsYoungerThanThreePeriods) {
   EXPECT_EQ(up("c_NG"), (std::vector<gmxnode>{1, 2}));
   set("SYSTEM.gmx.group.c_NG.1", "garbage");
   EXPECT_EQ(up("c_NG"), (std::vector<gmxnode>{2}));
+  // Hostile values: out of range, negative, trailing text, no period.
+  for (const char* v : {"99999999999999999999999 200 1", "-5 200 1", "1 200 1 x", "1 0 1", "1 200", ""}) {
+    set("SYSTEM.gmx.group.c_NG.1", v);
+    beat("c_NG", 2, 0);
+    EXPECT_EQ(up("c_NG"), (std::vector<gmxnode>{2})) << v;
+  }
   EXPECT_EQ(up("other_NG"), std::vector<gmxnode>{});
 }
 
