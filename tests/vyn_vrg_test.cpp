@@ -111,9 +111,55 @@ TEST_F(VynVrgTest, SetGetListDelete) {
   EXPECT_NE(r.err.find("invalid key name"), std::string::npos);
 }
 
+TEST_F(VynVrgTest, DumpIsAnOutlineWithResourceNamesAsTheirUsersKnowThem) {
+  ASSERT_EQ(vrg({"set", "VYN.CUR.db!primary.STATE", "ONLINE"}).status, 0);
+  ASSERT_EQ(vrg({"set", "VYN.CUR.db!primary.IS_UNREGISTERING", "0"}).status, 0);
+  ASSERT_EQ(vrg({"set", "VYN.CUR.web.NAME", "web"}).status, 0);
+  ASSERT_EQ(vrg({"set", "VYN.SEC.db!primary", "owner=root"}).status, 0);
+  ASSERT_EQ(vrg({"set", "VYN.STAGE.node2.a!b.STATE", "OFFLINE"}).status, 0);
+  ASSERT_EQ(vrg({"set", "SYSTEM.gmx.x!y", "kept"}).status, 0);
+
+  Outcome r = vrg({"dump", "VYN.CUR"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out,
+            "VYN.CUR\n"
+            "  db.primary\n"
+            "    IS_UNREGISTERING = 0\n"
+            "    STATE = ONLINE\n"
+            "  web\n"
+            "    NAME = web\n");
+  EXPECT_EQ(vrg({"dump", "VYN.CUR.web.NAME"}).out, "VYN.CUR.web.NAME = web\n");
+  // Below the whole tree only the keys that hold resources are shown translated back.
+  r = vrg({"dump"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out,
+            "SYSTEM\n"
+            "  gmx\n"
+            "    x!y = kept\n"
+            "VYN\n"
+            "  CUR\n"
+            "    db.primary\n"
+            "      IS_UNREGISTERING = 0\n"
+            "      STATE = ONLINE\n"
+            "    web\n"
+            "      NAME = web\n"
+            "  SEC\n"
+            "    db.primary = owner=root\n"
+            "  STAGE\n"
+            "    node2\n"
+            "      a.b\n"
+            "        STATE = OFFLINE\n");
+
+  r = vrg({"dump", "VYN.HIS"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "vyn_vrg: key VYN.HIS does not exist\n");
+}
+
 TEST_F(VynVrgTest, BadArgumentsGiveUsageAndStatus2) {
   for (std::vector<std::string> args : {std::vector<std::string>{}, {"frob"}, {"get"}, {"get", "a", "b"},
-                                        {"set", "a"}, {"set", "a", "b", "c"}, {"list", "a", "b"}, {"delete"}}) {
+                                        {"set", "a"}, {"set", "a", "b", "c"}, {"list", "a", "b"}, {"delete"},
+                                        {"dump", "a", "b"}}) {
     Outcome r = vrg(args);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.out, "");

@@ -3,6 +3,8 @@
 //   set KEY VALUE    set a text value, creating the store and any missing keys on the way
 //   list [KEY]       the full names of KEY's subkeys, or of the whole tree, with their values
 //   delete KEY       delete the key and everything below it
+//   dump [KEY]       KEY (or the whole tree) and everything below it as an indented outline of
+//                    "name = value" lines, resource names shown as their users know them
 // Exit status: 0 done, 1 failed (a missing key or store included), 2 bad arguments.
 #include <grp.h>
 #include <pwd.h>
@@ -13,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "caa/lib/caavrg.h"
 #include "platform/registry/prvrg.h"
 
 namespace {
@@ -23,6 +26,7 @@ void usage() {
                "       vyn_vrg set KEY VALUE\n"
                "       vyn_vrg list [KEY]\n"
                "       vyn_vrg delete KEY\n"
+               "       vyn_vrg dump [KEY]\n"
                "The store is $VYN_REGISTRY (default /var/lib/vyn/registry.db).\n");
 }
 
@@ -109,6 +113,66 @@ int walk(prvrg_ctx* ctx, const std::string& name, bool recurse) {
   return status;
 }
 
+// Whether the subkeys of `name` are resources, whose key parts spell a dot as "!".
+bool holdsResources(const std::string& name) {
+  if (name == CAARESCUR || name == CAARESHIS || name == CAARESSEC) return true;
+  const std::string stage = CAARESSTAGE;
+  return name.size() > stage.size() && name.compare(0, stage.size(), stage) == 0 &&
+         name.find_first_not_of("0123456789", stage.size()) == std::string::npos;
+}
+
+void printLine(const std::string& indent, const std::string& shown, prvrg_ctx* ctx, prvrg_key* key) {
+  std::string value;
+  int rc = 0;
+  if (key != nullptr && valueText(ctx, key, &value, &rc))
+    std::printf("%s%s = %s\n", indent.c_str(), shown.c_str(), value.c_str());
+  else
+    std::printf("%s%s\n", indent.c_str(), shown.c_str());
+}
+
+// The subkeys of the open key `name`, each a line two blanks further in, then its own subkeys.
+int dumpBelow(prvrg_ctx* ctx, prvrg_key* key, const std::string& name, const std::string& indent) {
+  std::vector<char> sub(1024);
+  const bool resources = holdsResources(name);
+  for (;;) {
+    std::size_t len = sub.size();
+    int rc = prvrg_enum_subkey(ctx, key, sub.data(), &len, nullptr);
+    if (rc == PRVRG_ERR_BUFFER) {
+      sub.resize(len);
+      continue;
+    }
+    // Another process may delete a key while it is shown: what is gone is no longer there.
+    if (rc == PRVRG_ERR_NO_MORE || rc == PRVRG_ERR_NO_KEY) return 0;
+    if (rc != PRVRG_SUCC) return failed(ctx, rc, "dump", name.c_str());
+    std::string part = sub.data();
+    std::string full = name.empty() ? part : name + "." + part;
+    if (resources) caavrgResTrans(part, CAARESEXC, CAARESSP);
+    prvrg_key* child = nullptr;
+    rc = prvrg_open_key(ctx, &child, full.c_str());
+    if (rc == PRVRG_ERR_NO_KEY) continue;
+    if (rc != PRVRG_SUCC) return failed(ctx, rc, "open", full.c_str());
+    printLine(indent, part, ctx, child);
+    int status = dumpBelow(ctx, child, full, indent + "  ");
+    prvrg_close_key(ctx, child);
+    if (status != 0) return status;
+  }
+}
+
+int dump(prvrg_ctx* ctx, const char* name) {
+  const std::string top = name != nullptr ? name : "";
+  prvrg_key* key = nullptr;
+  int rc = prvrg_open_key(ctx, &key, top.c_str());
+  if (rc != PRVRG_SUCC) return failed(ctx, rc, "open", top.c_str());
+  std::string indent;
+  if (!top.empty()) {
+    printLine("", top, ctx, key);
+    indent = "  ";
+  }
+  int status = dumpBelow(ctx, key, top, indent);
+  prvrg_close_key(ctx, key);
+  return status;
+}
+
 prvrg_security ownerSecurity() {
   prvrg_security sec{};
   sec.user_perm = 63;  // the owner may do everything; others rely on the store file's mode
@@ -124,6 +188,7 @@ int run(prvrg_ctx* ctx, const std::string& cmd, const char* key, const char* val
     return rc == PRVRG_SUCC ? 0 : failed(ctx, rc, "set", key);
   }
   if (cmd == "list") return walk(ctx, key ? key : "", key == nullptr);
+  if (cmd == "dump") return dump(ctx, key);
 
   prvrg_key* k = nullptr;
   int rc = prvrg_open_key(ctx, &k, key);
@@ -146,6 +211,7 @@ int run(prvrg_ctx* ctx, const std::string& cmd, const char* key, const char* val
 int main(int argc, char** argv) {
   std::string cmd = argc > 1 ? argv[1] : "";
   bool ok = (cmd == "get" && argc == 3) || (cmd == "set" && argc == 4) || (cmd == "list" && argc <= 3) ||
+            (cmd == "dump" && argc <= 3) ||
             (cmd == "delete" && argc == 3);
   if (!ok) {
     usage();

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "cppgen/cls_testutil.h"
 #include "platform/host/utlhost.h"
@@ -64,6 +66,36 @@ class CaavrgTest : public ::testing::Test {
     prvrg_terminate(c);
   }
   std::string trace() const { return bare(clstest::slurp(dir_ + "/log/caavrg.trc")); }
+
+  // A store with the three main keys, and the shared handle open on it.
+  void makeResourceStore() {
+    makeStore({});
+    ASSERT_EQ(caavrginitctx(3, nullptr), 0);
+    ASSERT_EQ(caavrgCrRoot(), 0);
+  }
+  // The text value of a key as the store holds it, or "<absent>".
+  std::string stored(const std::string& key) {
+    char buf[256] = "";
+    ub4 size = sizeof buf;
+    int rc = caavrgReadVRGKey(key.c_str(), buf, &size, nullptr);
+    return rc == 0 ? std::string(buf) : rc == 4 ? "<absent>" : "<rc " + std::to_string(rc) + ">";
+  }
+  // A resource with every attribute that makes it complete.
+  void addComplete(const std::string& name, caavrgResourceLoc loc = CURRENT) {
+    caavrgSetvalue(name, "NAME", name, loc, nullptr);
+    caavrgSetvalue(name, "IS_UNREGISTERING", "0", loc, nullptr);
+  }
+  std::vector<std::string> walk(caavrgResourceLoc loc) {
+    std::vector<std::string> names;
+    prvrg_key* hdl = nullptr;
+    std::string name;
+    int remain = 0;
+    while (caavrgGetres(name, hdl, remain, loc) == 0) names.push_back(name + "/" + std::to_string(remain));
+    EXPECT_EQ(name, "");
+    EXPECT_EQ(remain, -1);
+    caavrgcloseKey(hdl);
+    return names;
+  }
 
   std::string dir_, host_;
 };
@@ -206,6 +238,219 @@ TEST_F(CaavrgTest, ABadHandleEndsTheProcessWithStatusZero) {
   clstest::ChildOutcome o = runInChild([] { rtivrg_report_vrg_error(nullptr, "VYNVRG", "prvrg_open_key", "K", 3); });
   EXPECT_EQ(o.status, 0);
   EXPECT_NE(o.trace.find("VYNVRG: Invalid VRG Context(File: caavrg.cpp, line: "), std::string::npos) << o.trace;
+}
+
+TEST_F(CaavrgTest, AttributesOfADottedResourceLiveOneLevelBelowTheLocation) {
+  makeResourceStore();
+  EXPECT_EQ(caavrgSetvalue("db.primary", "STATE", "ONLINE", CURRENT, nullptr), 0);
+  EXPECT_EQ(caavrgSetvalue("db.primary", "STATE", "OFFLINE", CURRENT, nullptr), 0) << "a second write replaces";
+  EXPECT_EQ(caavrgSetvalue("db.primary", "TARGET", "", HISTORY, nullptr), 0);
+  EXPECT_EQ(stored("VYN.CUR.db!primary.STATE"), "OFFLINE");
+  EXPECT_EQ(stored("VYN.HIS.db!primary.TARGET"), "");
+
+  std::string v = "untouched";
+  EXPECT_EQ(caavrgGetvalue("db.primary", "STATE", v, CURRENT, nullptr), 0);
+  EXPECT_EQ(v, "OFFLINE");
+  EXPECT_EQ(caavrgGetvalue("db.primary", "NOSUCH", v, CURRENT, nullptr), 4) << "a missing attribute is an answer";
+  EXPECT_EQ(caavrgGetvalue("db.primary", "STATE", v, HISTORY, nullptr), 4);
+  EXPECT_EQ(v, "OFFLINE");
+
+  std::map<std::string, std::string> m = {{"stale", "x"}};
+  EXPECT_EQ(caavrgGetValues("db.primary", m, CURRENT, nullptr), 0);
+  EXPECT_EQ(m, (std::map<std::string, std::string>{{"STATE", "OFFLINE"}}));
+  EXPECT_EQ(caavrgGetValues("db.primary", m, STAGE, nullptr), 0) << "staged resources are read where they end up";
+  EXPECT_EQ(m.size(), 1u);
+  EXPECT_EQ(caavrgGetValues("nosuch", m, CURRENT, nullptr), 1);
+  EXPECT_TRUE(m.empty());
+  EXPECT_EQ(caavrgGetSubKeyVals("VYN.CUR.db!primary", m, nullptr), 0);
+  EXPECT_EQ(m["STATE"], "OFFLINE");
+  EXPECT_EQ(caavrgGetSubKeyVals("VYN.CUR", m, nullptr), 2) << "a resource key holds no value of its own";
+
+  std::string t = trace();
+  EXPECT_NE(t.find("VYNVRG: Value of size is 8\n"), std::string::npos) << t;
+  EXPECT_EQ(t.find("Successfully set key"), std::string::npos) << "trace lines are not written";
+}
+
+TEST_F(CaavrgTest, TheNameTranslationReplacesEveryOccurrence) {
+  std::string s = "a.b..c.";
+  caavrgResTrans(s, CAARESSP, CAARESEXC);
+  EXPECT_EQ(s, "a!b!!c!");
+  caavrgResTrans(s, CAARESEXC, CAARESSP);
+  EXPECT_EQ(s, "a.b..c.");
+  // A "!" in a name is the key form of a dot: both spell the same resource.
+  makeResourceStore();
+  addComplete("x!y");
+  EXPECT_EQ(caavrgLookup("x.y", CAARESCUR, nullptr), 0);
+  EXPECT_EQ(walk(CURRENT), (std::vector<std::string>{"x.y/0"}));
+}
+
+TEST_F(CaavrgTest, AStagedResourceMovesWholeIntoTheCurrentCopy) {
+  makeResourceStore();
+  makeStore({{"SYSTEM.gmx.node.1", "elsewhere"}, {"SYSTEM.gmx.node.3", "thisnode"}});
+  setenv("VYN_NODE_NAME", "thisnode", 1);
+  EXPECT_EQ(caavrgCommitResource("app.1", nullptr), 4) << "nothing staged";
+  EXPECT_EQ(caavrgAddResource("app.1", STAGE, nullptr), 0);
+  EXPECT_EQ(caavrgSetvalue("app.1", "IS_UNREGISTERING", "0", STAGE, nullptr), 0);
+  EXPECT_EQ(stored("VYN.STAGE.node3.app!1.IS_UNREGISTERING"), "0");
+  EXPECT_TRUE(walk(CURRENT).empty());
+  EXPECT_EQ(caavrgCommitResource("app.1", nullptr), 0);
+  EXPECT_EQ(stored("VYN.CUR.app!1.IS_UNREGISTERING"), "0");
+  EXPECT_EQ(caavrgCheckKey("VYN.STAGE.node3.app!1"), 4);
+  EXPECT_EQ(walk(CURRENT), (std::vector<std::string>{"app.1/0"}));
+
+  // A second staging of a current resource does not replace it on commit.
+  EXPECT_EQ(caavrgSetvalue("app.1", "IS_UNREGISTERING", "1", STAGE, nullptr), 0);
+  EXPECT_NE(caavrgCommitResource("app.1", nullptr), 0);
+  EXPECT_EQ(stored("VYN.CUR.app!1.IS_UNREGISTERING"), "0");
+  EXPECT_EQ(caavrgRemove("app.1", CAARESSTAGE, nullptr), 0);
+  EXPECT_EQ(caavrgCheckKey("VYN.STAGE.node3.app!1"), 4);
+  unsetenv("VYN_NODE_NAME");
+  std::string t = trace();
+  EXPECT_NE(t.find("VYNVRG: Commit Resource done.app.1\n"), std::string::npos) << t;
+}
+
+TEST_F(CaavrgTest, LookupAndRemoveWorkOnTheirSubtreesOnly) {
+  makeResourceStore();
+  addComplete("web.1");
+  EXPECT_EQ(caavrgSetPerm("web.1", "owner=root"), 0);
+  EXPECT_EQ(caavrgLookup("web.1", CAARESCUR, nullptr), 0);
+  EXPECT_EQ(caavrgLookup("web.1", CAARESSEC, nullptr), 0);
+  EXPECT_EQ(caavrgLookup("web.1", CAARESHIS, nullptr), 1);
+  EXPECT_EQ(caavrgLookup("web.1", "VYN.STAGE.node", nullptr), 2);
+  EXPECT_EQ(caavrgLookup("web.1", "VYN", nullptr), 2);
+  EXPECT_EQ(caavrgRemove("web.1", "SYSTEM", nullptr), 2);
+  EXPECT_EQ(caavrgRemove("web.1", CAARESHIS, nullptr), 4);
+  EXPECT_EQ(caavrgRemove("web.1", CAARESCUR, nullptr), 0);
+  EXPECT_EQ(caavrgLookup("web.1", CAARESCUR, nullptr), 1);
+  EXPECT_EQ(stored("VYN.CUR.web!1.NAME"), "<absent>") << "the attributes go with the resource";
+  EXPECT_EQ(stored("VYN.SEC.web!1"), "owner=root");
+  std::string perm;
+  EXPECT_EQ(caavrgGetPerm("web.1", perm), 0);
+  EXPECT_EQ(perm, "owner=root");
+}
+
+TEST_F(CaavrgTest, TheWalkPassesOverIncompleteResourcesAndGoesOn) {
+  makeResourceStore();
+  addComplete("a");
+  caavrgSetvalue("b.half", "NAME", "b.half", CURRENT, nullptr);
+  addComplete("c.d");
+  addComplete("old", HISTORY);
+  caavrgSetvalue("gone", "NAME", "gone", HISTORY, nullptr);
+  addComplete("gone");
+  EXPECT_EQ(walk(CURRENT), (std::vector<std::string>{"a/3", "c.d/1", "gone/0"}));
+  // Completeness is judged by the current copy, also in the history.
+  EXPECT_EQ(walk(HISTORY), (std::vector<std::string>{"gone/1"}));
+  std::string t = trace();
+  EXPECT_NE(t.find("VYNVRG: Resource b!half has incomplete attribute set.\n"), std::string::npos) << t;
+  EXPECT_NE(t.find("VYNVRG: Resource old has incomplete attribute set.\n"), std::string::npos) << t;
+
+  caavrgDeleteKey(CAARESCUR);
+  ASSERT_EQ(caavrgCrRoot(), 0);
+  EXPECT_TRUE(walk(CURRENT).empty());
+}
+
+TEST_F(CaavrgTest, NewKeysBelongToTheOwnerOfTheirParentAlone) {
+  makeStore({});
+  prvrg_ctx* c = nullptr;
+  char err[1024];
+  std::size_t len = sizeof err;
+  ASSERT_EQ(prvrg_init_ext(&c, 3, err, &len, 0), 0);
+  prvrg_security root{};
+  root.user_perm = root.group_perm = root.other_perm = 7;
+  std::strcpy(root.user_name, "resd");
+  std::strcpy(root.group_name, "cluster");
+  ASSERT_EQ(prvrg_create_key(c, nullptr, "VYN", nullptr, nullptr, root), 0);
+  ASSERT_EQ(caavrginitctx(3, nullptr), 0);
+  ASSERT_EQ(caavrgCrRoot(), 0);
+  ASSERT_EQ(caavrgSetvalue("r", "STATE", "ONLINE", CURRENT, nullptr), 0);
+  for (const char* name : {"VYN.CUR", "VYN.SEC", "VYN.CUR.r", "VYN.CUR.r.STATE"}) {
+    prvrg_key* k = nullptr;
+    ASSERT_EQ(prvrg_open_key(c, &k, name), 0) << name;
+    prvrg_security sec{};
+    ASSERT_EQ(prvrg_get_key_security(c, k, &sec), 0);
+    EXPECT_EQ(sec.user_perm, 63u) << name;
+    EXPECT_EQ(sec.group_perm, 0u) << name;
+    EXPECT_EQ(sec.other_perm, 0u) << name;
+    EXPECT_STREQ(sec.user_name, "resd") << name;
+    EXPECT_STREQ(sec.group_name, "cluster") << name;
+  }
+  prvrg_terminate(c);
+}
+
+TEST_F(CaavrgTest, SystemKeysVersionsAndDebugLevels) {
+  makeResourceStore();
+  makeStore({{"SYSTEM.vyn", ""}});
+  EXPECT_EQ(caavrgWrite("vyn.uiport", "6001", 5, nullptr), 0);
+  EXPECT_EQ(stored(CaaVRGKeys::CommUIPort), "6001");
+  EXPECT_EQ(caavrgCreateKey("SYSTEM.vyn", "versions"), 0);
+  EXPECT_EQ(caavrgCheckKey("SYSTEM.vyn.versions"), 0);
+  EXPECT_EQ(caavrgWriteVersion("node1", "2.1", "versions"), 0);
+  EXPECT_EQ(stored("SYSTEM.vyn.versions.node1"), "2.1");
+  setenv("_VYN_CONFIG_VERSION", "9.9-pinned", 1);
+  EXPECT_EQ(caavrgWriteVersion("node2", "2.1", "versions"), 0);
+  unsetenv("_VYN_CONFIG_VERSION");
+  EXPECT_EQ(stored("SYSTEM.vyn.versions.node2"), "9.9-pinned");
+  EXPECT_EQ(caavrgDeleteKey("SYSTEM.vyn.versions"), 0);
+  EXPECT_EQ(caavrgCheckKey("SYSTEM.vyn.versions.node1"), 4);
+  EXPECT_EQ(caavrgDeleteKey("SYSTEM.vyn.versions"), 4);
+
+  EXPECT_EQ(caavrgSetDebugLevel(nullptr, reinterpret_cast<const zeltext*>("vynsec"), 11, 1), 0);
+  EXPECT_EQ(stored("SYSTEM.vyn.debug." + host_ + ".VYNSEC"), "10");
+  addComplete("app.1");
+  EXPECT_EQ(caavrgSetDebugLevel(nullptr, reinterpret_cast<const zeltext*>("app.1"), 4, 3), 0);
+  EXPECT_EQ(stored("VYN.CUR.app!1.USR_ZEL_DEBUG"), "4");
+  EXPECT_EQ(caavrgSetDebugLevel(nullptr, reinterpret_cast<const zeltext*>("nosuch"), 4, 3), 2);
+  std::string t = trace();
+  EXPECT_NE(t.find("VYNVRG: SET Logging Level for: vynsec  10\n"), std::string::npos) << t;
+  EXPECT_NE(t.find("VYNVRG: CAAVRG Set Debug Level for Resource app.1: 4\nVYNVRG: SET Logging Level for: app.1  4\n"),
+            std::string::npos)
+      << t;
+  EXPECT_NE(t.find("VYNVRG: CAAVRG set Debug Fails, Resource nosuch does not exist.\n"), std::string::npos) << t;
+}
+
+TEST_F(CaavrgTest, AStoreThatFailsAWriteEndsTheDaemonButNotALookup) {
+  makeResourceStore();
+  addComplete("r");
+  caavrgTerm();
+  // Without the root keys the location cannot be opened.
+  clstest::ChildOutcome o = runInChild([] {
+    caavrginitctx(3, nullptr);
+    caavrgDeleteKey(CAARESROOT);
+    caavrgSetvalue("r", "STATE", "ONLINE", CURRENT, nullptr);
+  });
+  EXPECT_EQ(o.status, 1);
+  EXPECT_NE(o.trace.find("Unable to open root key: VYN.CUR(File: caavrg.cpp, line: "), std::string::npos) << o.trace;
+  EXPECT_EQ(o.err, "VYND Exiting. VRG Failed\n");
+
+  makeResourceStore();
+  addComplete("r");
+  caavrgTerm();
+  o = runInChild([] {
+    caavrginitctx(7, nullptr);  // a cache handle reads only
+    std::string v;
+    if (caavrgLookup("r", CAARESCUR, nullptr) != 0 || caavrgGetvalue("r", "NAME", v, CURRENT, nullptr) != 0 ||
+        v != "r")
+      _exit(7);
+    caavrgSetvalue("r", "STATE", "ONLINE", CURRENT, nullptr);
+  });
+  EXPECT_EQ(o.status, 1);
+  EXPECT_NE(o.trace.find("Failed to create key: VYN.CUR.r.STATE(File: caavrg.cpp"), std::string::npos) << o.trace;
+  o = runInChild([] {
+    caavrginitctx(7, nullptr);
+    caavrgSetvalue("r", "NAME", "renamed", CURRENT, nullptr);
+  });
+  EXPECT_EQ(o.status, 1);
+  EXPECT_NE(o.trace.find("Failed to set key: VYN.CUR.r.NAME value: renamed(File: caavrg.cpp"), std::string::npos)
+      << o.trace;
+  o = runInChild([] {
+    caavrginitctx(3, nullptr);
+    prvrg_key* hdl = nullptr;
+    std::string name;
+    int remain = 0;
+    caavrgGetres(name, hdl, remain, STAGE);
+  });
+  EXPECT_EQ(o.status, 0) << "walking the stage is an error of the caller";
+  EXPECT_NE(o.trace.find("loc != STAGE"), std::string::npos) << o.trace;
 }
 
 }  // namespace

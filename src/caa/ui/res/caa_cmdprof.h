@@ -10,6 +10,7 @@
 
 #include "caa/ui/api/caa_cmdparse.h"
 #include "caa/ui/api/caa_cmds.h"
+#include "platform/vynapi/vynapi.h"
 
 namespace CAA {
 
@@ -128,6 +129,19 @@ class CmdProf : public Cmds {
   caa_Status removeActionScript(std::string& ascript_fname, std::string& ascript_ext);
   arg_List& options() { return opt_list; }
 
+  // The direct update: instead of rewriting the profile, hands the attributes that the command
+  // line gives (the options of an application) to the resource-registration client, which
+  // changes the registered resource. No usage group leads here; it is an operation of its own.
+  caa_Status processDirectProfileUpdate(CmdParse& cmdParse);
+  void initDirectProfileUpdateUsage();
+  void initDirectProfileUpdateParsingArgs();
+  // Copies the value of the first object with that key; false when there is none.
+  static bool getArgValue(const arg_List& list, const std::string& key, std::string& value);
+  caa_Status performDirectProfileUpdate(const std::string& resourceName, const string_Map& attribs);
+  // Prints the client's code, then tells the user in words: 249 as itself, a failure to reach the
+  // resource manager as 184, a bad request as 201, anything else as 200.
+  void logApiError(VYNAPI_STAT errorCode);
+
  private:
   void initUsage1();
   void initUsage2();
@@ -143,7 +157,14 @@ class CmdProf : public Cmds {
   std::string scr_dir_path;
   string_List resource_list;
   arg_List opt_list;
+  // What a direct update hands over.
+  string_Map paramMap;
+  std::string resourceName;
 };
+
+// Tells the user what the resource-registration client reports: the text on standard output,
+// ending in a newline.
+void caaCmdProfMsg2Callback(void* pArg, const zeltext* pId, const zeltext* pMsg, vynapi_msgtype msgtype);
 
 // Writes a profile, or a template, from a map already checked, and tells the user why it could
 // not: a file that may not be replaced (it exists, or appeared meanwhile) as 162, any other fault
