@@ -2,12 +2,19 @@
 // the same server in the same run:
 //   Get/bare, Get/prvrg     zoo_get of one key's znode; prvrg_get_value of that key (open)
 //   Set/bare, Set/prvrg     zoo_set of the same data; prvrg_set_value of the same value
+//   CluGetInfo/*            the member list of 64 configured nodes, 32 of them members (ephemeral
+//                           znodes), with no change since the last call, against memcpy of the
+//                           list's bytes; the list is served from the copy its watch keeps
 // The server is a standalone one from the `zookeeper` package, started by this program on a free
 // loopback port and stopped when it ends.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
+
+#include "evm/libevm/cluinfo.h"
 
 #include "platform/registry/prvrg.h"
 #include "platform/registry/prvrg_znode.h"
@@ -19,6 +26,7 @@ namespace {
 using vyntest::ZkTestServer;
 
 const char* const kKey = "VYN.CUR.res1.RESTART_ATTEMPTS";
+const int kNodes = 64;
 const std::string kValue = "ora.db1.inst:restart-attempts=3";
 
 // The server, a registry handle on a chroot of its own with the key made, and a bare session.
@@ -40,6 +48,32 @@ struct Setup {
     r.dtype = prvrg_dtype_ZELTEXT;
     r.value = kValue;
     data = znode::encode(r);
+    // A cluster of 64 configured nodes; the odd ones are members, as their daemons' sessions
+    // would make them.
+    setenv("VYN_NODE_NAME", "node1", 1);
+    setenv("GMX_CLUSTERNAME", "bench", 1);
+    for (int n = 1; n <= kNodes; ++n) {
+      std::string key = "SYSTEM.gmx.node." + std::to_string(n);
+      std::string name = "node" + std::to_string(n) + ".example.com";
+      if (prvrg_create_n_set_key(ctx, nullptr, key.c_str(), nullptr, nullptr, prvrg_dtype_ZELTEXT, name.c_str(),
+                                 name.size() + 1, prvrg_security{}) != PRVRG_SUCC)
+        std::abort();
+    }
+    prvrg_key* group = nullptr;
+    if (prvrg_create_key(ctx, nullptr, "SYSTEM.gmx.group.bench_NG", &group, nullptr, prvrg_security{}) != PRVRG_SUCC)
+      std::abort();
+    znode::Record member;
+    member.dtype = prvrg_dtype_ZELTEXT;
+    member.value = "1 bench";
+    std::string memberData = znode::encode(member);
+    for (int n = 1; n <= kNodes; n += 2) {
+      std::string p = znode::pathOf("/zk_bench", "SYSTEM.gmx.group.bench_NG." + std::to_string(n));
+      if (zoo_create(bare->handle(), p.c_str(), memberData.data(), static_cast<int>(memberData.size()),
+                     &ZOO_OPEN_ACL_UNSAFE, ZOO_EPHEMERAL, nullptr, 0) != ZOK)
+        std::abort();
+    }
+    evmclu_tracing = 0;
+    if (clu_ctxinit(nullptr, nullptr) != 0) std::abort();
   }
   ZkTestServer* server = nullptr;
   prvrg_ctx* ctx = nullptr;
@@ -104,6 +138,27 @@ void BM_SetPrvrg(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_SetPrvrg)->Name("Set/prvrg")->UseRealTime();
+
+void BM_CluMemcpy(benchmark::State& state) {
+  std::size_t bytes = sizeof(clu_gen_info) + kNodes * (sizeof(clu_member_info) + sizeof "node64.example.com");
+  std::vector<char> from(bytes, 'x'), to(bytes);
+  for (auto _ : state) {
+    std::memcpy(to.data(), from.data(), bytes);
+    benchmark::DoNotOptimize(to.data());
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_CluMemcpy)->Name("CluGetInfo/memcpy");
+
+void BM_CluGetInfo(benchmark::State& state) {
+  if (!ready(state)) return;
+  for (auto _ : state) {
+    clu_gen_info* info = nullptr;
+    if (clu_get_info(&info) != 0 || info->clu_num_of_members != kNodes) state.SkipWithError("clu_get_info failed");
+    clu_free_info(&info);
+  }
+}
+BENCHMARK(BM_CluGetInfo)->Name("CluGetInfo/zk64");
 
 }  // namespace
 
