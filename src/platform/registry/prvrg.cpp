@@ -211,6 +211,7 @@ int prvrg_move_key(prvrg_ctx* ctx, prvrg_key* key, prvrg_key* new_parent, const 
     ctx->store->move(from, to);
     k->name = to;  // the handle follows its key
     k->cursor.clear();
+    k->listing.clear();
     k->version = -1;
     if (moved) *moved = newKey(ctx, to);
   });
@@ -221,7 +222,7 @@ int prvrg_enum_subkey(prvrg_ctx* ctx, prvrg_key* key, char* name, std::size_t* l
     prvrg_key* k = keyOf(ctx, key);
     if (name == nullptr || length == nullptr) fail(PRVRG_ERR_FAIL, "no name buffer given");
     std::string part;
-    if (!ctx->store->nextSubkey(k->name, k->cursor, &part, remaining)) {
+    if (!ctx->store->nextSubkey(*k, &part, remaining)) {
       if (remaining) *remaining = 0;
       fail(PRVRG_ERR_NO_MORE, "no further subkey of " + (k->name.empty() ? std::string("the root") : k->name));
     }

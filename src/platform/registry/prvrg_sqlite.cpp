@@ -109,7 +109,7 @@ class SqliteStore : public RegistryStore {
   void getSecurity(const std::string& name, prvrg_security* sec) override;
   void remove(const std::string& name, bool recursive) override;
   void move(const std::string& from, const std::string& to) override;
-  bool nextSubkey(const std::string& name, const std::string& after, std::string* next, ub4* remaining) override;
+  bool nextSubkey(prvrg_key& key, std::string* next, ub4* remaining) override;
 
  private:
   class Stmt;
@@ -311,8 +311,9 @@ void SqliteStore::move(const std::string& from, const std::string& to) {
   t.commit();
 }
 
-bool SqliteStore::nextSubkey(const std::string& name, const std::string& after, std::string* next,
-                             ub4* remaining) {
+bool SqliteStore::nextSubkey(prvrg_key& key, std::string* next, ub4* remaining) {
+  const std::string& name = key.name;
+  const std::string& after = key.cursor;
   Txn t(this, false);
   mustExist(name);
   std::string cursor = after.empty() ? std::string() : join(name, after);

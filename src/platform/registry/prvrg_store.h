@@ -8,6 +8,7 @@
 // of the client's result codes and a text for prvrg_get_last_error.
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/registry/prvrg.h"
 
@@ -25,6 +26,9 @@ struct prvrg_key {
   std::string cursor;  // name of the subkey last given by prvrg_enum_subkey (not the full name)
   int version = -1;
   std::string meta;
+  // The subkeys as a store listed them when the enumeration began (a store that lists cheaply
+  // leaves this empty).
+  std::vector<std::string> listing;
 };
 
 class RegistryStore {
@@ -47,10 +51,9 @@ class RegistryStore {
   virtual void remove(const std::string& name, bool recursive) = 0;
   // Moves `from` and its subtree to `to`, whose parent must exist and which must not.
   virtual void move(const std::string& from, const std::string& to) = 0;
-  // The first direct subkey of `name` whose name sorts after `after` in byte order, and how many
-  // come after it; false at the end.
-  virtual bool nextSubkey(const std::string& name, const std::string& after, std::string* next,
-                          ub4* remaining) = 0;
+  // The first direct subkey of `key` whose name sorts after its cursor in byte order, and how
+  // many come after it; false at the end. An empty cursor begins an enumeration.
+  virtual bool nextSubkey(prvrg_key& key, std::string* next, ub4* remaining) = 0;
 };
 
 #endif

@@ -45,7 +45,7 @@ class ZkStore : public RegistryStore {
   void getSecurity(const std::string& name, prvrg_security* sec) override;
   void remove(const std::string& name, bool recursive) override;
   void move(const std::string& from, const std::string& to) override;
-  bool nextSubkey(const std::string& name, const std::string& after, std::string* next, ub4* remaining) override;
+  bool nextSubkey(prvrg_key& key, std::string* next, ub4* remaining) override;
 
  private:
   struct Node {
@@ -307,9 +307,13 @@ std::vector<std::string> ZkStore::children(const std::string& name) {
   return names;
 }
 
-bool ZkStore::nextSubkey(const std::string& name, const std::string& after, std::string* next, ub4* remaining) {
-  std::vector<std::string> names = children(name);
-  auto it = after.empty() ? names.begin() : std::upper_bound(names.begin(), names.end(), after);
+// An enumeration lists the znode's children once, at its start, and goes through that listing:
+// one call to the ensemble for the whole walk, in an order that keys made or deleted meanwhile do
+// not disturb.
+bool ZkStore::nextSubkey(prvrg_key& key, std::string* next, ub4* remaining) {
+  if (key.cursor.empty()) key.listing = children(key.name);
+  const std::vector<std::string>& names = key.listing;
+  auto it = key.cursor.empty() ? names.begin() : std::upper_bound(names.begin(), names.end(), key.cursor);
   if (it == names.end()) return false;
   *next = *it;
   if (remaining) *remaining = static_cast<ub4>(names.end() - it - 1);
