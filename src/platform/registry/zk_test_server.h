@@ -31,7 +31,8 @@ class ZkTestServer {
   static bool available() { return access(kJar, R_OK) == 0 && access(kJava, X_OK) == 0; }
   static const char* skipReason() { return "ZooKeeper is not installed (apt-get install zookeeper)"; }
 
-  ZkTestServer() {
+  // forceSync false: the server does not flush its log to disk (for benchmarks).
+  explicit ZkTestServer(bool forceSync = true) {
     char tmpl[] = "/tmp/zk_test_server.XXXXXX";
     if (mkdtemp(tmpl) == nullptr) std::abort();
     dir_ = tmpl;
@@ -39,7 +40,8 @@ class ZkTestServer {
     std::ofstream cfg(dir_ + "/zoo.cfg");
     // A short tick lets sessions time out from 1 s on, so that tests of expiry run quickly.
     cfg << "tickTime=500\ninitLimit=10\nsyncLimit=5\ndataDir=" << dir_ << "/data\nclientPort=" << port_
-        << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\nmaxClientCnxns=0\n";
+        << "\nclientPortAddress=127.0.0.1\nadmin.enableServer=false\nmaxClientCnxns=0\nforceSync="
+        << (forceSync ? "yes" : "no") << "\n";
   }
   ~ZkTestServer() {
     stop();
