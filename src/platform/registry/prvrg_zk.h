@@ -4,6 +4,10 @@
 // The registry kept in a ZooKeeper ensemble, shared by the machines of a cluster; the key tree
 // lies in znodes as prvrg_znode.h lays it out.
 //
+// Time-outs (zk_connection.h): a call that cannot reach the ensemble within 2 s answers
+// PRVRG_ERR_LEVEL (24), as does one whose server hangs past two thirds of the 4 s session time-out;
+// a handle works again once the ensemble is back.
+//
 // Concurrent writers. A value write is conditional on the znode's version: when another writer
 // came between, the key is read again and the write tried again, so that a change of the key's
 // security record is never overwritten and the later of two values stands. A subtree is moved or

@@ -29,7 +29,7 @@
 namespace zk {
 
 const std::chrono::milliseconds kConnectWait(2000);
-const std::chrono::milliseconds kShortWait(200);
+const std::chrono::milliseconds kShortWait(50);
 
 struct Address {
   std::string text;    // as given
