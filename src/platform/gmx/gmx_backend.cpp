@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/gmx/gmx_zk.h"
 #include "platform/registry/prvrg.h"
 
 namespace gmx {
@@ -268,6 +269,8 @@ std::unique_ptr<Backend> makeRegistryBackend(std::string* why) {
   return b;
 }
 
-std::unique_ptr<Backend> makeBackend(std::string* why) { return makeRegistryBackend(why); }
+std::unique_ptr<Backend> makeBackend(std::string* why) {
+  return zkMembership() ? makeZkBackend(why) : makeRegistryBackend(why);
+}
 
 }  // namespace gmx

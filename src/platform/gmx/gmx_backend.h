@@ -60,9 +60,9 @@ class Backend {
   virtual int members(const std::string& group, std::vector<gmxnode>* nodes, std::string* why) = 0;
 };
 
-// The backend for this process; every context and member object gets its own from here, so a
-// second kind of backend is chosen in this one place. Today: the registry heartbeat backend.
-// nullptr and *why when it cannot start (for the registry: the store cannot be opened).
+// The backend for this process: ephemeral znodes when the registry is a ZooKeeper ensemble
+// (gmx_zk.h), else the registry heartbeat backend. nullptr and *why when the store cannot be
+// opened.
 std::unique_ptr<Backend> makeBackend(std::string* why);
 std::unique_ptr<Backend> makeRegistryBackend(std::string* why);
 

@@ -1,4 +1,5 @@
 // gmxNodeMember: this node's membership of its cluster's group, for the life of the object.
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdarg>
@@ -9,6 +10,7 @@
 
 #include "platform/gmx/gmx.h"
 #include "platform/gmx/gmx_backend.h"
+#include "platform/gmx/gmx_zk.h"
 #include "platform/trace/dtr.h"
 
 namespace {
@@ -44,23 +46,23 @@ struct gmxNodeMember::Impl {
   std::string group;
   gmxnode node = GMX_NO_NODE;
   std::unique_ptr<gmx::Backend> backend;  // used by the beating thread only while it runs
-  std::string failure;
-  bool joined = false;
+  std::string failure;          // why the join at construction failed
+  std::atomic<bool> joined{false};
 
   std::mutex mx;
   std::condition_variable cv;
   bool stop = false;  // guarded by mx
   std::thread beater;
 
-  bool join();
+  bool join(std::string* failure);
   void beat();
 };
 
-bool gmxNodeMember::Impl::join() {
+bool gmxNodeMember::Impl::join(std::string* failure) {
   gmxsctx* ctx = nullptr;
   int rc = gmxsinit(&ctx, &kTrace, nullptr);
   if (rc != GMX_SUCC) {
-    failure = "the membership service cannot start (rc " + std::to_string(rc) + ")";
+    *failure = "the membership service cannot start (rc " + std::to_string(rc) + ")";
     return false;
   }
   char name[1024];
@@ -77,20 +79,20 @@ bool gmxNodeMember::Impl::join() {
   if (rc == GMX_SUCC) rc = gmxnsqlnum(ctx, &node);
   gmxsterm(ctx);
   if (rc != GMX_SUCC) {
-    failure = "the cluster's configuration cannot be read (rc " + std::to_string(rc) + ")";
+    *failure = "the cluster's configuration cannot be read (rc " + std::to_string(rc) + ")";
     return false;
   }
   char local[GMX_MAX_NAMEL] = "";
   if (node == GMX_NO_NODE) {
     ndq_getnodenm(local, sizeof local);
-    failure = "this node (" + gmxNormalName(local) + ") is not a configured node of the cluster " + cluster;
+    *failure = "this node (" + gmxNormalName(local) + ") is not a configured node of the cluster " + cluster;
     return false;
   }
   group = cluster + "_NG";
   std::string why;
   backend = gmx::makeBackend(&why);
   if (backend == nullptr || backend->join(group, node, periodMs, &why) != GMX_SUCC) {
-    failure = "cannot join the group " + group + ": " + why;
+    *failure = "cannot join the group " + group + ": " + why;
     backend.reset();
     return false;
   }
@@ -103,6 +105,16 @@ void gmxNodeMember::Impl::beat() {
   for (;;) {
     if (cv.wait_for(lock, std::chrono::milliseconds(periodMs), [this] { return stop; })) return;
     lock.unlock();
+    if (!joined) {
+      // On an ensemble that was out of reach at the start: join as soon as it answers.
+      std::string why;
+      if (join(&why)) {
+        joined = true;
+        dtrWrite("gmx: node " + std::to_string(node) + " joined the group " + group + " late");
+      }
+      lock.lock();
+      continue;
+    }
     std::string why;
     int rc = backend->beat(group, node, &why);
     // One line when beating starts to fail and one when it works again, not one per period.
@@ -116,7 +128,7 @@ void gmxNodeMember::Impl::beat() {
 gmxNodeMember::gmxNodeMember(int periodMs) : impl_(new Impl) {
   impl_->periodMs = periodMs > 0 ? periodMs : periodFromEnvironment();
   try {
-    impl_->joined = impl_->join();
+    impl_->joined = impl_->join(&impl_->failure);
     if (impl_->joined) {
       impl_->beater = std::thread([this] { impl_->beat(); });
       dtrWrite("gmx: node " + std::to_string(impl_->node) + " joined the group " + impl_->group + ", heartbeat every " +
@@ -130,17 +142,23 @@ gmxNodeMember::gmxNodeMember(int periodMs) : impl_(new Impl) {
     }
     impl_->joined = false;
   }
-  if (!impl_->joined) dtrWrite("gmx: not a member, this node counts as down: " + impl_->failure);
+  if (!impl_->joined) {
+    dtrWrite("gmx: not a member, this node counts as down: " + impl_->failure);
+    // An ensemble may be back in a moment; a file store that failed stays failed.
+    if (gmx::zkMembership()) impl_->beater = std::thread([this] { impl_->beat(); });
+  }
 }
 
 gmxNodeMember::~gmxNodeMember() {
-  if (!impl_->joined) return;
-  {
-    std::lock_guard<std::mutex> lock(impl_->mx);
-    impl_->stop = true;
+  if (impl_->beater.joinable()) {
+    {
+      std::lock_guard<std::mutex> lock(impl_->mx);
+      impl_->stop = true;
+    }
+    impl_->cv.notify_all();
+    impl_->beater.join();
   }
-  impl_->cv.notify_all();
-  impl_->beater.join();
+  if (!impl_->joined) return;
   std::string why;
   if (impl_->backend->leave(impl_->group, impl_->node, &why) != GMX_SUCC)
     dtrWrite("gmx: leaving the group " + impl_->group + " failed: " + why);

@@ -4,12 +4,16 @@
 // The cluster registry client: a tree of keys with dot-separated full names ("SYSTEM.vyn.x"),
 // each holding one typed value and one security record.
 //
-// The store is an embedded SQLite database named by $VYN_REGISTRY (unset: /var/lib/vyn/registry.db).
+// The store is named by $VYN_REGISTRY: a path names an embedded SQLite database (unset:
+// /var/lib/vyn/registry.db) for one machine, "zk://host:port[,host:port...]/chroot" a ZooKeeper
+// ensemble shared by a cluster (prvrg_zk.h tells what differs there: time-outs, concurrent
+// writers, PRVRG_ERR_CONFLICT). What follows holds for both unless it names the file.
 // Levels: DEFAULT (3, or 0x30000 node-local) opens the store read-write; REBOOT (2, or 0x20000)
 // and any other level open it read-only. A DEFAULT handle whose store cannot be written answers
 // PRVRG_ERR_LEVEL (24) to a write, so that a caller can fall back to REBOOT for reads.
-// Opening never creates a store; only a handle opened with PRVRG_FLAG_CREATE does (vyn_vrg).
-// Two processes may use one store at once: every call is one transaction, and a call that finds
+// Opening never creates a store (or an ensemble's chroot); only a handle opened with
+// PRVRG_FLAG_CREATE does (vyn_vrg).
+// Two processes may use one file at once: every call is one transaction, and a call that finds
 // the store locked waits for it. A process waits at most 5 s for a store that stays locked: once a
 // wait has run out, later calls give up at once (for a minute, or until the store answers again).
 // A failure's text (prvrg_get_last_error, or the error buffer of prvrg_init_ext) ends with the
@@ -48,6 +52,7 @@ enum {
   PRVRG_ERR_NO_MORE = 16,     // no further subkey
   PRVRG_ERR_BUFFER = 17,      // the caller's buffer is too small; the length tells what is needed
   PRVRG_ERR_LEVEL = 24,       // the call cannot be served at the DEFAULT level
+  PRVRG_ERR_CONFLICT = 25,    // other writers kept changing the keys; nothing was done
 };
 
 enum {

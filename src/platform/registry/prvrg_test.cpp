@@ -1,4 +1,5 @@
-// Tests of the registry client against real stores in temporary directories.
+// Tests of the registry client against real stores: SQLite files in temporary directories and,
+// for every test that does not hang on one store's own nature, a ZooKeeper server as well.
 #include "platform/registry/prvrg.h"
 
 #include <gtest/gtest.h>
@@ -12,22 +13,33 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/registry/prvrg_test_util.h"
+#include "platform/registry/zk_connection.h"
+#include "platform/registry/zk_test_server.h"
 
 namespace fs = std::filesystem;
 using vyntest::StoreLocker;
+using vyntest::ZkTestServer;
 
 namespace {
 
-class RegistryTest : public ::testing::Test {
+class RegistryTestBase : public ::testing::Test {
  protected:
-  void SetUp() override {
+  // "sqlite": a file in a temporary directory; "zk": a chroot of its own on the shared server.
+  void useStore(const std::string& kind) {
     char tmpl[] = "/tmp/prvrg_test.XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     dir_ = tmpl;
     store_ = dir_ + "/reg.db";
+    if (kind == "zk") {
+      ZkTestServer* server = ZkTestServer::shared();
+      if (server == nullptr) GTEST_SKIP() << ZkTestServer::skipReason();
+      static int serial = 0;
+      store_ = server->address("/prvrg_test/" + std::to_string(getpid()) + "_" + std::to_string(++serial));
+    }
     setenv("VYN_REGISTRY", store_.c_str(), 1);
   }
   void TearDown() override {
@@ -96,7 +108,22 @@ class RegistryTest : public ::testing::Test {
   std::vector<prvrg_ctx*> open_;
 };
 
-TEST_F(RegistryTest, OpeningAMissingStoreFailsAndCreatesNothing) {
+// What every store does alike.
+class RegistryTest : public RegistryTestBase, public ::testing::WithParamInterface<const char*> {
+ protected:
+  void SetUp() override { useStore(GetParam()); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Stores, RegistryTest, ::testing::Values("sqlite", "zk"),
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
+
+// What belongs to the file store.
+class SqliteRegistryTest : public RegistryTestBase {
+ protected:
+  void SetUp() override { useStore("sqlite"); }
+};
+
+TEST_F(SqliteRegistryTest, OpeningAMissingStoreFailsAndCreatesNothing) {
   std::string nested = dir_ + "/no/such/reg.db";
   for (const std::string& path : {store_, nested}) {
     setenv("VYN_REGISTRY", path.c_str(), 1);
@@ -108,7 +135,7 @@ TEST_F(RegistryTest, OpeningAMissingStoreFailsAndCreatesNothing) {
   EXPECT_TRUE(fs::is_empty(dir_));
 }
 
-TEST_F(RegistryTest, AFileThatIsNoRegistryIsRefused) {
+TEST_F(SqliteRegistryTest, AFileThatIsNoRegistryIsRefused) {
   FILE* f = std::fopen(store_.c_str(), "w");
   std::fputs("not a database, just text that is long enough to have a header....", f);
   std::fclose(f);
@@ -119,7 +146,7 @@ TEST_F(RegistryTest, AFileThatIsNoRegistryIsRefused) {
   EXPECT_EQ(fs::file_size(store_), 0u);
 }
 
-TEST_F(RegistryTest, ValuesRoundTripAcrossHandles) {
+TEST_P(RegistryTest, ValuesRoundTripAcrossHandles) {
   prvrg_ctx* w = create();
   prvrg_key* k = nullptr;
   int created = -1;
@@ -155,7 +182,7 @@ TEST_F(RegistryTest, ValuesRoundTripAcrossHandles) {
   EXPECT_EQ(get(r, "SYSTEM.vyn.user_default_dir"), "/srv/other");
 }
 
-TEST_F(RegistryTest, MissingKeysBadNamesAndStaleHandles) {
+TEST_P(RegistryTest, MissingKeysBadNamesAndStaleHandles) {
   prvrg_ctx* c = create();
   set(c, "SYSTEM.vyn", "x");
   prvrg_key* k = reinterpret_cast<prvrg_key*>(1);
@@ -197,7 +224,7 @@ TEST_F(RegistryTest, MissingKeysBadNamesAndStaleHandles) {
   EXPECT_EQ(get(c, "SYSTEM.empty"), "<rc 4>");  // the handle beside it still works
 }
 
-TEST_F(RegistryTest, EnumerationGoesInNameOrderAndEndsWith16) {
+TEST_P(RegistryTest, EnumerationGoesInNameOrderAndEndsWith16) {
   prvrg_ctx* c = create();
   for (const char* n : {"R.b", "R.a.deep", "R.c", "R.a", "R.ab", "Q"}) set(c, n, n);
 
@@ -233,7 +260,7 @@ TEST_F(RegistryTest, EnumerationGoesInNameOrderAndEndsWith16) {
   prvrg_close_key(c, k);
 }
 
-TEST_F(RegistryTest, DeleteTakesTheWholeSubtreeAndNothingBeside) {
+TEST_P(RegistryTest, DeleteTakesTheWholeSubtreeAndNothingBeside) {
   prvrg_ctx* c = create();
   for (const char* n : {"A.b", "A.b.c", "A.b.c.d", "A.bc", "A.b_x", "A.b/", "A.a"}) set(c, n, n);
   prvrg_key* k = nullptr;
@@ -256,7 +283,7 @@ TEST_F(RegistryTest, DeleteTakesTheWholeSubtreeAndNothingBeside) {
   EXPECT_EQ(subkeys(c, ""), std::vector<std::string>{"A"});
 }
 
-TEST_F(RegistryTest, MoveCarriesTheSubtree) {
+TEST_P(RegistryTest, MoveCarriesTheSubtree) {
   prvrg_ctx* c = create();
   for (const char* n : {"VYN.stage.n1.res.TYPE", "VYN.stage.n1.res.STATE", "VYN.stage.n1.res2.TYPE"}) set(c, n, n);
   ASSERT_EQ(prvrg_create_key(c, nullptr, "VYN.cur", nullptr, nullptr, prvrg_security{}), PRVRG_SUCC);
@@ -285,7 +312,7 @@ TEST_F(RegistryTest, MoveCarriesTheSubtree) {
   for (prvrg_key* k : {src, cur, moved, other}) prvrg_close_key(c, k);
 }
 
-TEST_F(RegistryTest, SecurityRecordsAreKeptPerKey) {
+TEST_P(RegistryTest, SecurityRecordsAreKeptPerKey) {
   prvrg_ctx* c = create();
   prvrg_security sec{};
   sec.user_perm = 63;
@@ -309,7 +336,7 @@ TEST_F(RegistryTest, SecurityRecordsAreKeptPerKey) {
   prvrg_close_key(c, k);
 }
 
-TEST_F(RegistryTest, RebootHandleOnlyReads) {
+TEST_P(RegistryTest, RebootHandleOnlyReads) {
   set(create(), "SYSTEM.v", "before");
   prvrg_ctx* r = open(PRVRG_LEVEL_REBOOT);
   prvrg_key* k = nullptr;
@@ -322,7 +349,7 @@ TEST_F(RegistryTest, RebootHandleOnlyReads) {
 
 // A DEFAULT handle on a store that its user cannot write: reads work, writes answer 24. As root
 // the check runs in a child that gives up root, since root writes any file.
-TEST_F(RegistryTest, DefaultHandleOnAReadOnlyStoreAnswers24ToWrites) {
+TEST_F(SqliteRegistryTest, DefaultHandleOnAReadOnlyStoreAnswers24ToWrites) {
   set(create(), "SYSTEM.v", "before");
   for (prvrg_ctx* c : open_) prvrg_terminate(c);
   open_.clear();
@@ -358,7 +385,7 @@ TEST_F(RegistryTest, DefaultHandleOnAReadOnlyStoreAnswers24ToWrites) {
 }
 
 // Two processes writing at once: every call lands, none fails on a busy store.
-TEST_F(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
+TEST_P(RegistryTest, TwoProcessesWritingAtOnceLoseNothing) {
   set(create(), "SYSTEM.shared", "0");
   for (prvrg_ctx* c : open_) prvrg_terminate(c);
   open_.clear();
@@ -413,7 +440,7 @@ double secondsSince(std::chrono::steady_clock::time_point t0) {
 // with the store's own reason, every later call gives up at once, and as soon as the store
 // answers again a lock is worth a full wait once more. The bounds are loose; the figures
 // themselves are measured elsewhere.
-TEST_F(RegistryTest, AStoreThatStaysLockedCostsOneWaitInAll) {
+TEST_F(SqliteRegistryTest, AStoreThatStaysLockedCostsOneWaitInAll) {
   set(create(), "SYSTEM.v", "x");
   prvrg_ctx* early = open(PRVRG_LEVEL_REBOOT);  // opened while the store was free
   const std::string locked = "registry store " + store_ + ": database is locked";
@@ -441,6 +468,192 @@ TEST_F(RegistryTest, AStoreThatStaysLockedCostsOneWaitInAll) {
   ASSERT_TRUE(brief.locked());
   EXPECT_EQ(get(early, "SYSTEM.v"), "x");
   EXPECT_EQ(get(open(PRVRG_LEVEL_DEFAULT), "SYSTEM.v"), "x");
+}
+
+// What belongs to an ensemble.
+class ZkRegistryTest : public RegistryTestBase {
+ protected:
+  void SetUp() override {
+    useStore("zk");
+    server_ = ZkTestServer::shared();
+  }
+  void TearDown() override {
+    if (server_) server_->start();  // a test that stopped it leaves it running for the next
+    RegistryTestBase::TearDown();
+  }
+  // A bare client of the same server, for what the registry client would never do itself.
+  struct Raw {
+    explicit Raw(const std::string& hosts) : conn(zk::parseAddress("zk://" + hosts + "/raw"), 4000) {}
+    int create(const std::string& path, const std::string& data) {
+      return zoo_create(conn.handle(), path.c_str(), data.data(), static_cast<int>(data.size()), &ZOO_OPEN_ACL_UNSAFE,
+                        ZOO_PERSISTENT, nullptr, 0);
+    }
+    bool exists(const std::string& path) {
+      Stat st;
+      return zoo_exists(conn.handle(), path.c_str(), 0, &st) == ZOK;
+    }
+    zk::Connection conn;
+  };
+  std::string chroot() const { return store_.substr(store_.find('/', 5)); }
+  std::string lastError(prvrg_ctx* c) {
+    char text[1024] = "";
+    std::size_t len = sizeof text;
+    int code = 0;
+    prvrg_get_last_error(c, &code, text, &len);
+    return text;
+  }
+
+  ZkTestServer* server_ = nullptr;
+};
+
+TEST_F(ZkRegistryTest, AMissingChrootIsToldByAReadAndMadeOnlyByACreatingWrite) {
+  Raw raw(server_->hosts());
+  for (int level : {int(PRVRG_LEVEL_DEFAULT), int(PRVRG_LEVEL_REBOOT), 7})
+    EXPECT_EQ(openFails(level), "registry " + store_ + ": the chroot " + chroot() + " does not exist");
+  EXPECT_FALSE(raw.exists(chroot()));
+  set(create(), "SYSTEM.v", "x");
+  EXPECT_TRUE(raw.exists(chroot() + "/SYSTEM/v"));
+  EXPECT_EQ(get(open(PRVRG_LEVEL_REBOOT), "SYSTEM.v"), "x");
+}
+
+TEST_F(ZkRegistryTest, BadAddressesAreRefusedWithTheReason) {
+  for (const char* bad : {"zk://", "zk:///vyn", "zk://host/vyn", "zk://h:1,:2/vyn", "zk://h:1/", "zk://h:1/a//b"}) {
+    setenv("VYN_REGISTRY", bad, 1);
+    std::string text = openFails(PRVRG_LEVEL_DEFAULT);
+    EXPECT_EQ(text.rfind(std::string("registry ") + bad + ": ", 0), 0u) << text;
+  }
+}
+
+// Data and names that another program left in the tree: a clear status, never a crash, and
+// foreign children are passed over in listings.
+TEST_F(ZkRegistryTest, ZnodesThatAreNotOursGiveAClearStatus) {
+  prvrg_ctx* c = create();
+  set(c, "R.mine", "v");
+  Raw raw(server_->hosts());
+  ASSERT_EQ(raw.create(chroot() + "/R/plain", "hello"), ZOK);
+  ASSERT_EQ(raw.create(chroot() + "/R/bad%zz", ""), ZOK);
+  ASSERT_EQ(raw.create(chroot() + "/R/a.b", ""), ZOK);
+  EXPECT_EQ(get(c, "R.plain"), "<rc 1>");
+  EXPECT_EQ(lastError(c), "registry " + store_ + ": znode " + chroot() + "/R/plain holds data that is not a registry key");
+  prvrg_key* k = nullptr;
+  ASSERT_EQ(prvrg_open_key(c, &k, "R.plain"), PRVRG_SUCC);
+  EXPECT_EQ(prvrg_set_value(c, k, prvrg_dtype_ZELTEXT, "x", 2), PRVRG_ERR_FAIL);
+  prvrg_security sec;
+  EXPECT_EQ(prvrg_get_key_security(c, k, &sec), PRVRG_ERR_FAIL);
+  prvrg_close_key(c, k);
+  EXPECT_EQ(subkeys(c, "R"), (std::vector<std::string>{"mine", "plain"}));
+  // Names with bytes a znode cannot carry go through.
+  set(c, "R.sl/ash", "1");
+  set(c, "R.pct%2F", "2");
+  set(c, "R.sp ace\x01", "3");
+  EXPECT_EQ(get(c, "R.sl/ash"), "1");
+  EXPECT_EQ(get(c, "R.pct%2F"), "2");
+  EXPECT_EQ(subkeys(c, "R"), (std::vector<std::string>{"mine", "pct%2F", "plain", "sl/ash", "sp ace\x01"}));
+  EXPECT_TRUE(raw.exists(chroot() + "/R/sl%2Fash"));
+}
+
+TEST_F(ZkRegistryTest, AValueAboveTheNodeLimitIsRefused) {
+  prvrg_ctx* c = create();
+  std::string big(1024 * 1024, 'v');
+  EXPECT_EQ(prvrg_create_n_set_key(c, nullptr, "R.big", nullptr, nullptr, prvrg_dtype_BYTESTREAM, big.data(), big.size(),
+                                   prvrg_security{}),
+            PRVRG_ERR_FAIL);
+  EXPECT_NE(lastError(c).find("the value of R.big has 1048576 bytes, more than a key may hold"), std::string::npos);
+  EXPECT_EQ(get(c, "R.big"), "<rc 4>");
+  big.resize(1000 * 1000);  // below the limit: kept whole
+  ASSERT_EQ(prvrg_create_n_set_key(c, nullptr, "R.big", nullptr, nullptr, prvrg_dtype_BYTESTREAM, big.data(), big.size(),
+                                   prvrg_security{}),
+            PRVRG_SUCC);
+  prvrg_key* k = nullptr;
+  ASSERT_EQ(prvrg_open_key(c, &k, "R.big"), PRVRG_SUCC);
+  std::string back(big.size(), '\0');
+  std::size_t len = back.size();
+  int type = 0;
+  ASSERT_EQ(prvrg_get_value(c, k, &type, &back[0], &len), PRVRG_SUCC);
+  EXPECT_EQ(len, big.size());
+  EXPECT_EQ(back, big);
+  prvrg_close_key(c, k);
+}
+
+// A key changed by another writer since this handle saw it: the write is tried again on the new
+// version and keeps the key's security record.
+TEST_F(ZkRegistryTest, AWriteAfterAnotherWritersKeepsTheSecurityRecord) {
+  prvrg_ctx* a = create();
+  prvrg_security sec{};
+  sec.user_perm = 63;
+  std::strcpy(sec.user_name, "owner");
+  ASSERT_EQ(prvrg_create_n_set_key(a, nullptr, "R.attr", nullptr, nullptr, prvrg_dtype_ZELTEXT, "0", 2, sec), PRVRG_SUCC);
+  prvrg_key* ka = nullptr;
+  ASSERT_EQ(prvrg_open_key(a, &ka, "R.attr"), PRVRG_SUCC);
+  prvrg_ctx* b = open(PRVRG_LEVEL_DEFAULT);
+  prvrg_key* kb = nullptr;
+  ASSERT_EQ(prvrg_open_key(b, &kb, "R.attr"), PRVRG_SUCC);
+  ASSERT_EQ(prvrg_set_value(b, kb, prvrg_dtype_ZELTEXT, "from b", 7), PRVRG_SUCC);
+  EXPECT_EQ(prvrg_set_value(a, ka, prvrg_dtype_ZELTEXT, "from a", 7), PRVRG_SUCC);
+  EXPECT_EQ(get(b, "R.attr"), "from a");
+  prvrg_security back;
+  ASSERT_EQ(prvrg_get_key_security(b, kb, &back), PRVRG_SUCC);
+  EXPECT_EQ(back.user_perm, 63u);
+  EXPECT_STREQ(back.user_name, "owner");
+  prvrg_close_key(a, ka);
+  prvrg_close_key(b, kb);
+}
+
+double since(std::chrono::steady_clock::time_point t0) {
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// The ensemble down at the start, going down under an open handle, and coming back: calls answer
+// 24 within the stated wait, pay that wait once, and work again on the same handle afterwards.
+TEST_F(ZkRegistryTest, AnEnsembleThatGoesAndComesBackGives24ThenServesAgain) {
+  prvrg_ctx* c = create();
+  set(c, "SYSTEM.v", "kept");
+  server_->stop();
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(get(c, "SYSTEM.v"), "<rc 24>");
+  double first = since(t0);
+  EXPECT_LT(first, 3.0);
+  EXPECT_NE(lastError(c).find("cannot be reached"), std::string::npos) << lastError(c);
+  t0 = std::chrono::steady_clock::now();
+  char err[1024];
+  std::size_t len = sizeof err;
+  prvrg_ctx* other = nullptr;
+  EXPECT_EQ(prvrg_init_ext(&other, PRVRG_LEVEL_REBOOT, err, &len, 0), PRVRG_ERR_LEVEL);
+  EXPECT_LT(since(t0), 1.0) << "the wait is paid once";
+  prvrg_key* k = nullptr;
+  EXPECT_EQ(prvrg_create_key(c, nullptr, "SYSTEM.w", &k, nullptr, prvrg_security{}), PRVRG_ERR_LEVEL);
+
+  ASSERT_TRUE(server_->start());
+  std::string back;
+  for (int i = 0; i < 50 && (back = get(c, "SYSTEM.v")) != "kept"; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(back, "kept");
+  set(c, "SYSTEM.w", "after");
+  EXPECT_EQ(get(open(PRVRG_LEVEL_REBOOT), "SYSTEM.w"), "after");
+}
+
+// A server that hangs without closing its connections is given up within the session's bound.
+TEST_F(ZkRegistryTest, AServerThatHangsIsGivenUpInBoundedTime) {
+  prvrg_ctx* c = create();
+  set(c, "SYSTEM.v", "x");
+  server_->freeze();
+  auto t0 = std::chrono::steady_clock::now();
+  std::string got = get(c, "SYSTEM.v");
+  double took = since(t0);
+  server_->thaw();
+  EXPECT_EQ(got, "<rc 24>");
+  EXPECT_LT(took, 6.0);
+}
+
+// Every acknowledged write is there after the server restarts.
+TEST_F(ZkRegistryTest, ARestartLosesNoAcknowledgedWrite) {
+  prvrg_ctx* c = create();
+  for (int i = 0; i < 100; ++i) set(c, ("R.k" + std::to_string(i)).c_str(), std::to_string(i));
+  server_->stop();
+  ASSERT_TRUE(server_->start());
+  prvrg_ctx* r = open(PRVRG_LEVEL_REBOOT);
+  EXPECT_EQ(subkeys(r, "R").size(), 100u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(get(r, ("R.k" + std::to_string(i)).c_str()), std::to_string(i));
 }
 
 }  // namespace
