@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "daemon_runner.h"
 #include "program_runner.h"
 
 namespace {
@@ -29,59 +30,23 @@ const int kPeriodMs = 300;
 class Node {
  public:
   Node(const std::string& name, const std::string& store, std::map<std::string, std::string> extra = {}) {
-    std::string ipc = home_.root() + "/ipc";
-    mkdir(ipc.c_str(), 0700);
-    std::map<std::string, std::string> env = {{"ZEL_VYN_HOME", home_.home()}, {"VYN_IPC_DIR", ipc},
-                                              {"VYN_REGISTRY", store}, {"VYN_NODE_NAME", name},
-                                              {"VYN_GMX_HEARTBEAT_MS", std::to_string(kPeriodMs)},
-                                              {"PATH", "/usr/bin:/bin"}};
+    std::map<std::string, std::string> env = {
+        {"VYN_REGISTRY", store}, {"VYN_NODE_NAME", name}, {"VYN_GMX_HEARTBEAT_MS", std::to_string(kPeriodMs)}};
     for (const auto& kv : extra) env[kv.first] = kv.second;
-    std::vector<std::string> envText;
-    for (const auto& kv : env) envText.push_back(kv.first + "=" + kv.second);
-    std::vector<char*> envp;
-    for (auto& e : envText) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    std::string prog = vyntest::binary("vyn_evmd");
-    std::string errPath = home_.root() + "/evmd.err";
-    char* argv[] = {&prog[0], nullptr};
-    int fds[2];
-    if (pipe(fds) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(fds[1], 1);
-      close(fds[0]);
-      int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-      if (err >= 0) dup2(err, 2);
-      execve(prog.c_str(), argv, envp.data());
-      _exit(98);
-    }
-    close(fds[1]);
-    // The daemon says one line once it listens, and it has joined by then.
-    FILE* f = fdopen(fds[0], "r");
-    char line[512] = "";
-    if (std::fgets(line, sizeof line, f) != nullptr) banner_ = line;
-    std::fclose(f);
+    daemon_ = std::make_unique<vyntest::Daemon>(home_, std::vector<std::string>{}, env);
   }
   ~Node() { kill(SIGKILL); }
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;
 
-  bool listening() const { return banner_.find("listening on") != std::string::npos; }
+  bool listening() const { return daemon_->listening(); }
   // Sends the signal and reaps the daemon; its exit status, or 128 + the signal.
-  int kill(int sig) {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, sig);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
+  int kill(int sig) { return daemon_->stop(sig); }
   std::string trace() const { return vyntest::slurp(home_.home() + "/log/vyn_evmd.trc"); }
 
  private:
   TempHome home_;
-  pid_t pid_ = -1;
-  std::string banner_;
+  std::unique_ptr<vyntest::Daemon> daemon_;
 };
 
 class ClusterNodes : public ::testing::Test {

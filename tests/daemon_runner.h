@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -19,26 +20,34 @@ namespace vyntest {
 
 class Daemon {
  public:
-  explicit Daemon(const TempHome& home, std::vector<std::string> args = {}) {
+  // `env` adds to, or replaces, what the daemon is given by default: the home, a socket directory
+  // and a registry store, all below the home's root.
+  explicit Daemon(const TempHome& home, std::vector<std::string> args = {},
+                  const std::map<std::string, std::string>& env = {}) {
+    std::map<std::string, std::string> all = {{"ZEL_VYN_HOME", home.home()},
+                                              {"VYN_IPC_DIR", home.root() + "/ipc"},
+                                              {"VYN_REGISTRY", home.root() + "/registry.db"},
+                                              {"PATH", "/usr/bin:/bin"}};
+    for (const auto& kv : env) all[kv.first] = kv.second;
+    std::vector<std::string> envText;
+    for (const auto& kv : all) envText.push_back(kv.first + "=" + kv.second);
+    std::vector<char*> envp;
+    for (auto& e : envText) envp.push_back(&e[0]);
+    envp.push_back(nullptr);
+    std::string prog = binary("vyn_evmd");
+    args.insert(args.begin(), prog);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    errPath_ = home.root() + "/vyn_evmd.stderr";
     int fds[2];
     if (pipe(fds) != 0) std::abort();
     pid_ = fork();
-    errPath_ = home.root() + "/vyn_evmd.stderr";
     if (pid_ == 0) {
       dup2(fds[1], 1);
       close(fds[0]);
       int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
       if (err >= 0) dup2(err, 2);
-      std::vector<std::string> env = {"ZEL_VYN_HOME=" + home.home(), "VYN_IPC_DIR=" + home.root() + "/ipc",
-                                      "VYN_REGISTRY=" + home.root() + "/registry.db", "PATH=/usr/bin:/bin"};
-      std::vector<char*> envp;
-      for (auto& e : env) envp.push_back(&e[0]);
-      envp.push_back(nullptr);
-      std::string prog = binary("vyn_evmd");
-      args.insert(args.begin(), prog);
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back(&a[0]);
-      argv.push_back(nullptr);
       execve(prog.c_str(), argv.data(), envp.data());
       _exit(98);
     }
@@ -56,6 +65,7 @@ class Daemon {
   Daemon& operator=(const Daemon&) = delete;
 
   const std::string& banner() const { return banner_; }
+  bool listening() const { return banner_.find("listening on") != std::string::npos; }
   pid_t pid() const { return pid_; }
   // What the daemon wrote to standard error so far.
   std::string errors() const {
@@ -80,7 +90,9 @@ class Daemon {
     return kb;
   }
   // Stops the daemon (SIGTERM: after the events in hand are written) and gives its exit status.
+  // -1 when it was stopped already: a pid of -1 must never reach kill().
   int stop(int sig = SIGTERM) {
+    if (pid_ <= 0) return -1;
     kill(pid_, sig);
     int status = 0;
     waitpid(pid_, &status, 0);

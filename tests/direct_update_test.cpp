@@ -10,11 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "caa/logger/caa_event.h"
-#include "caa/logger/caa_logger.h"
-#include "caa/ui/api/caa_cmdparse.h"
-#include "caa/ui/res/caa_cmdprof.h"
-#include "platform/trace/dtr.h"
+#include "direct_update_runner.h"
 #include "program_runner.h"
 
 namespace {
@@ -36,35 +32,7 @@ class DirectUpdate : public ::testing::Test {
 
   // Runs the direct update with the command line `args`; the status is the operation's result.
   Outcome directUpdate(const std::vector<std::string>& args, int uid = -1) {
-    const std::string out = root_ + "/du.out", err = root_ + "/du.err";
-    std::vector<std::string> words = {"vyn_profile"};
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& w : words) argv.push_back(&w[0]);
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-      if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr)) _exit(99);
-      setenv("ZEL_VYN_HOME", home_.home().c_str(), 1);
-      setenv("VYN_REGISTRY", store_.c_str(), 1);
-      setenv("LANG", "C", 1);
-      if (uid >= 0 && setuid(static_cast<uid_t>(uid)) != 0) _exit(97);
-      dtrSetProgram("vyn_profile");
-      CAA::CaaLogger logger(CAA::LOG_STDERR, CAA::EVENT_LOG_UI);
-      CAA::CmdProf prof(&logger);
-      CAA::CmdParse parse(static_cast<int>(words.size()), argv.data(), &logger);
-      prof.initPaths();
-      int status = prof.processDirectProfileUpdate(parse);
-      std::fflush(nullptr);
-      _exit(status);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Outcome o;
-    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    o.out = vyntest::slurp(out);
-    o.err = vyntest::slurp(err);
-    return o;
+    return vyntest::runDirectUpdate(args, {{"ZEL_VYN_HOME", home_.home()}, {"VYN_REGISTRY", store_}}, root_, uid);
   }
 
   vyntest::TempHome home_;

@@ -16,12 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "caa/logger/caa_event.h"
-#include "caa/logger/caa_logger.h"
-#include "caa/ui/api/caa_cmdparse.h"
-#include "caa/ui/res/caa_cmdprof.h"
 #include "platform/registry/zk_test_server.h"
-#include "platform/trace/dtr.h"
+#include "daemon_runner.h"
+#include "direct_update_runner.h"
 #include "program_runner.h"
 
 namespace {
@@ -37,7 +34,7 @@ double secondsSince(std::chrono::steady_clock::time_point t0) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
-// One node's event daemon in its own home, stopped by pid whatever happens.
+// One node's event daemon in its own home, stopped by pid whatever happens; it can be started again.
 class Node {
  public:
   Node(const std::string& name, const std::string& registry) : name_(name), registry_(registry) { start(); }
@@ -46,52 +43,22 @@ class Node {
   Node& operator=(const Node&) = delete;
 
   void start() {
-    std::string ipc = home_.root() + "/ipc";
-    mkdir(ipc.c_str(), 0700);
-    std::vector<std::string> envText = {"ZEL_VYN_HOME=" + home_.home(), "VYN_IPC_DIR=" + ipc, "VYN_REGISTRY=" + registry_,
-                                        "VYN_NODE_NAME=" + name_, "VYN_GMX_SESSION_MS=" + std::to_string(kSessionMs),
-                                        "VYN_GMX_HEARTBEAT_MS=200", "PATH=/usr/bin:/bin"};
-    std::vector<char*> envp;
-    for (auto& e : envText) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
-    std::string prog = vyntest::binary("vyn_evmd");
-    std::string errPath = home_.root() + "/evmd.err";
-    char* argv[] = {&prog[0], nullptr};
-    int fds[2];
-    if (pipe(fds) != 0) std::abort();
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(fds[1], 1);
-      close(fds[0]);
-      int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-      if (err >= 0) dup2(err, 2);
-      execve(prog.c_str(), argv, envp.data());
-      _exit(98);
-    }
-    close(fds[1]);
-    // The daemon says one line once it listens, and it has joined by then.
-    FILE* f = fdopen(fds[0], "r");
-    char line[512] = "";
-    if (std::fgets(line, sizeof line, f) != nullptr) banner_ = line;
-    std::fclose(f);
+    daemon_ = std::make_unique<vyntest::Daemon>(
+        home_, std::vector<std::string>{},
+        std::map<std::string, std::string>{{"VYN_REGISTRY", registry_},
+                                           {"VYN_NODE_NAME", name_},
+                                           {"VYN_GMX_SESSION_MS", std::to_string(kSessionMs)},
+                                           {"VYN_GMX_HEARTBEAT_MS", "200"}});
   }
-  bool listening() const { return banner_.find("listening on") != std::string::npos; }
-  int kill(int sig) {
-    if (pid_ <= 0) return -1;
-    ::kill(pid_, sig);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  }
+  bool listening() const { return daemon_->listening(); }
+  int kill(int sig) { return daemon_->stop(sig); }
   const TempHome& home() const { return home_; }
   std::string trace() const { return vyntest::slurp(home_.home() + "/log/vyn_evmd.trc"); }
 
  private:
   std::string name_, registry_;
   TempHome home_;
-  pid_t pid_ = -1;
-  std::string banner_;
+  std::unique_ptr<vyntest::Daemon> daemon_;
 };
 
 class ZkNodes : public ::testing::Test {
@@ -123,35 +90,11 @@ class ZkNodes : public ::testing::Test {
 
   // The profile command's direct update on node `node`, in a child process as the command runs it.
   Outcome directUpdate(const Node& node, const std::vector<std::string>& args) {
-    const std::string out = node.home().root() + "/du.out", err = node.home().root() + "/du.err";
-    std::vector<std::string> words = {"vyn_profile"};
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& w : words) argv.push_back(&w[0]);
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-      if (!std::freopen(out.c_str(), "w", stdout) || !std::freopen(err.c_str(), "w", stderr)) _exit(99);
-      setenv("ZEL_VYN_HOME", node.home().home().c_str(), 1);
-      setenv("VYN_REGISTRY", registry_.c_str(), 1);
-      setenv("VYN_IPC_DIR", (node.home().root() + "/ipc").c_str(), 1);
-      setenv("LANG", "C", 1);
-      dtrSetProgram("vyn_profile");
-      CAA::CaaLogger logger(CAA::LOG_STDERR, CAA::EVENT_LOG_UI);
-      CAA::CmdProf prof(&logger);
-      CAA::CmdParse parse(static_cast<int>(words.size()), argv.data(), &logger);
-      prof.initPaths();
-      int status = prof.processDirectProfileUpdate(parse);
-      std::fflush(nullptr);
-      _exit(status);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Outcome o;
-    o.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    o.out = vyntest::slurp(out);
-    o.err = vyntest::slurp(err);
-    return o;
+    return vyntest::runDirectUpdate(args,
+                                    {{"ZEL_VYN_HOME", node.home().home()},
+                                     {"VYN_REGISTRY", registry_},
+                                     {"VYN_IPC_DIR", node.home().root() + "/ipc"}},
+                                    node.home().root());
   }
 
   ZkTestServer* server_ = nullptr;
