@@ -11,6 +11,7 @@
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -177,8 +178,21 @@ Server::Server(const Options& options)
                       " is not safe: it must be a directory, not a symbolic link, owned by uid " +
                       std::to_string(geteuid()) + " and writable by nobody else");
   }
-  if (r != xpcretSUCC)
-    throw ServerError("cannot listen on " + options_.localAddress + " (transport code " + std::to_string(r) + ")");
+  if (r != xpcretSUCC) {
+    // The key names the socket in the socket directory; a local socket's path has a hard limit,
+    // which a long cluster name in the key or a deep directory passes.
+    const std::string& a = options_.localAddress;
+    const std::size_t k = a.find("(KEY=");
+    const char* dir = std::getenv("VYN_IPC_DIR");
+    const std::string path = std::string(dir != nullptr && *dir ? dir : "/var/tmp/.vyn") + "/" +
+                             (k == std::string::npos ? "" : a.substr(k + 5, a.find(')', k) - k - 5));
+    if (path.size() >= sizeof(sockaddr_un::sun_path))
+      throw ServerError("cannot listen on " + a + ": its socket path " + path + " has " + std::to_string(path.size()) +
+                        " bytes, and a local socket's path at most " +
+                        std::to_string(sizeof(sockaddr_un::sun_path) - 1) +
+                        " (a shorter VYN_IPC_DIR or cluster name helps)");
+    throw ServerError("cannot listen on " + a + " (transport code " + std::to_string(r) + ")");
+  }
   if (!options_.tcpAddress.empty()) {
     r = xpclisten(group, options_.tcpAddress.c_str(), 0, &l, 0);
     tcpListener_.reset(l);

@@ -94,6 +94,21 @@ class ServerTest : public ::testing::Test {
   std::thread thread_;
 };
 
+TEST_F(ServerTest, ASocketPathTooLongForALocalSocketIsSaidInPlainWords) {
+  const std::string deep = dir_.path() + "/" + std::string(100, 'd');
+  setenv("VYN_IPC_DIR", deep.c_str(), 1);
+  const std::string path = deep + "/evmd.server.test";
+  try {
+    evmd::Server server(options_);
+    FAIL() << "the daemon started on a path no local socket can have";
+  } catch (const evmd::ServerError& e) {
+    EXPECT_EQ(std::string(e.what()), "cannot listen on " + std::string(kAddr) + ": its socket path " + path + " has " +
+                                         std::to_string(path.size()) +
+                                         " bytes, and a local socket's path at most 107 (a shorter VYN_IPC_DIR or "
+                                         "cluster name helps)");
+  }
+}
+
 TEST_F(ServerTest, APostWhoseEventCouldNotBeWrittenOrSyncedIsAnsweredAsAFailure) {
   options_.sync = evmd::SyncPolicy::Group;
   start();
