@@ -2,19 +2,12 @@
 #include "evm/evmd/evmd_log.h"
 
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
-#include <thread>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -24,6 +17,12 @@
 namespace evmd {
 
 namespace {
+
+long long nowUs() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
 
 long long nowMs() {
   timespec ts;
@@ -57,6 +56,9 @@ std::uint32_t plausibleSize(const unsigned char* p, off_t room) {
 }
 
 constexpr std::size_t kScanChunk = 1 << 20;
+// Group: the longest a sync is held for posters expected back, and the most it holds in memory.
+constexpr long long kMaxHoldUs = 2000;
+constexpr std::size_t kMaxHeldBytes = 1 << 20;
 
 // Makes a rename in the log's directory durable.
 void syncDirOf(const std::string& path) {
@@ -72,130 +74,6 @@ LogIo& LogIo::system() {
   static LogIo io;
   return io;
 }
-
-// The sync thread of group commit. The loop hands it a descriptor and goes on writing, telling it
-// of each write; the thread syncs and says so through an eventfd, which the loop watches with
-// its clients. A sync covers the writes made before fdatasync is called, so the thread may hold
-// the call a moment for the posters it expects: those just answered, who are about to post again.
-// It holds at most `holdUs` and never once the loop asks it to hurry.
-class EventLog::Syncer {
- public:
-  using Result = SyncResult;
-
-  explicit Syncer(LogIo& io) : io_(io), done_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-    if (!done_) throw LogError("cannot start the event log's sync thread: " + errText());
-    // Signals are the loop's business: the thread starts with all of them blocked.
-    sigset_t all, old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &old);
-    thread_ = std::thread([this] { run(); });
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-  }
-  ~Syncer() {
-    {
-      std::lock_guard<std::mutex> l(m_);
-      quit_ = true;
-    }
-    cv_.notify_all();
-    thread_.join();
-  }
-  int doneFd() const { return done_.get(); }
-  // A write of `count` events ended at `mark`, leaving the file `size` bytes long.
-  void wrote(std::uint64_t mark, off_t size, std::uint64_t events, std::uint64_t count) {
-    bool enough;
-    {
-      std::lock_guard<std::mutex> l(m_);
-      latest_.mark = mark;
-      latest_.size = size;
-      latest_.events = events;
-      latest_.count += count;
-      enough = latest_.count >= expect_;
-    }
-    if (enough) cv_.notify_all();
-  }
-  // Everything written was taken back: nothing is pending.
-  void forget() {
-    std::lock_guard<std::mutex> l(m_);
-    latest_.count = 0;
-  }
-  // Starts a sync of `fd`, held until `expect` events are pending (`plusPending`: beyond those
-  // pending now) or `holdUs` passed.
-  void start(int fd, std::uint64_t expect, bool plusPending, long long holdUs) {
-    {
-      std::lock_guard<std::mutex> l(m_);
-      fd_ = fd;
-      expect_ = expect + (plusPending ? latest_.count : 0);
-      holdUs_ = holdUs;
-      job_ = true;
-    }
-    cv_.notify_all();
-  }
-  void hurry() {
-    {
-      std::lock_guard<std::mutex> l(m_);
-      hurry_ = true;
-    }
-    cv_.notify_all();
-  }
-  // Whether the sync ended; then `*r` says what it covered.
-  bool finished(Result* r) {
-    std::uint64_t n;
-    while (read(done_.get(), &n, sizeof n) > 0) {
-    }
-    std::lock_guard<std::mutex> l(m_);
-    if (!finished_) return false;
-    finished_ = false;
-    *r = result_;
-    return true;
-  }
-  void waitFinished(Result* r) {
-    std::unique_lock<std::mutex> l(m_);
-    cv_.wait(l, [this] { return finished_; });
-    finished_ = false;
-    *r = result_;
-  }
-
- private:
-  void run() {
-    std::unique_lock<std::mutex> l(m_);
-    for (;;) {
-      cv_.wait(l, [this] { return quit_ || job_; });
-      if (!job_) return;
-      job_ = false;
-      if (holdUs_ > 0)
-        cv_.wait_for(l, std::chrono::microseconds(holdUs_),
-                     [this] { return quit_ || hurry_ || latest_.count >= expect_; });
-      hurry_ = false;
-      Result r = latest_;
-      latest_.count = 0;
-      int fd = fd_;
-      l.unlock();
-      auto t0 = std::chrono::steady_clock::now();
-      r.error = io_.fdatasync(fd) == 0 ? 0 : (errno != 0 ? errno : EIO);
-      r.micros = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - t0).count();
-      l.lock();
-      result_ = r;
-      finished_ = true;
-      cv_.notify_all();
-      std::uint64_t one = 1;
-      if (write(done_.get(), &one, sizeof one) < 0) {
-        // The counter is full only if the loop stopped reading; the flag above still holds.
-      }
-    }
-  }
-
-  LogIo& io_;
-  OslFd done_;
-  std::mutex m_;
-  std::condition_variable cv_;
-  Result latest_;  // the last write, and the events written since the last sync began
-  Result result_;
-  int fd_ = -1;
-  std::uint64_t expect_ = 0;
-  long long holdUs_ = 0;
-  bool job_ = false, hurry_ = false, finished_ = false, quit_ = false;
-  std::thread thread_;
-};
 
 EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, LogIo& io, LogLimits limits)
     : path_(path), policy_(policy), intervalMs_(intervalMs), io_(io), limits_(limits) {
@@ -216,7 +94,6 @@ EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, L
   durableSize_ = size_;
   durableEvents_ = events_;
   lastSyncMs_ = nowMs();
-  if (policy_ == SyncPolicy::Group) syncer_ = std::make_unique<Syncer>(io_);
 }
 
 EventLog::~EventLog() {
@@ -385,8 +262,9 @@ void EventLog::takeBack(off_t size) {
   }
 }
 
-std::uint64_t EventLog::commit() {
-  if (batch_.empty()) return written_;
+// Writes the queued blocks at the end of the file, rotating first if they would take it past its
+// limit. Throws LogError, with the file as it was, when that fails.
+void EventLog::writeBatch() {
   std::vector<unsigned char> batch;
   batch.swap(batch_);
   std::size_t count = batchEvents_;
@@ -405,27 +283,37 @@ std::uint64_t EventLog::commit() {
     p += n;
     left -= static_cast<std::size_t>(n);
   }
-  if (policy_ == SyncPolicy::Interval) {
-    dirty_ = true;
-    if (nowMs() - lastSyncMs_ >= intervalMs_) {
-      try {
-        syncNow();
-      } catch (const LogError&) {
-        takeBack(size_);
-        throw;
-      }
-    }
-  }
   size_ += static_cast<off_t>(batch.size());
   events_ += count;
-  ++written_;
-  if (policy_ == SyncPolicy::Interval) {
-    settled_ = written_;
-    outcomes_.push_back({written_, true});
-  } else {
-    syncer_->wrote(written_, size_, events_, count);
-    startSync(false);
+}
+
+std::uint64_t EventLog::commit() {
+  if (batchEvents_ == 0) return written_;
+  if (policy_ == SyncPolicy::Group) {
+    // Held until the sync is due, then written in one go.
+    if (unsynced_ == 0) firstUnsyncedUs_ = nowUs();
+    unsynced_ += batchEvents_;
+    heldEvents_ += batchEvents_;
+    batchEvents_ = 0;
+    return ++written_;
   }
+  const off_t before = size_;
+  const std::uint64_t eventsBefore = events_;
+  writeBatch();
+  dirty_ = true;
+  if (nowMs() - lastSyncMs_ >= intervalMs_) {
+    try {
+      syncNow();
+    } catch (const LogError&) {
+      takeBack(before);
+      size_ = before;
+      events_ = eventsBefore;
+      throw;
+    }
+  }
+  ++written_;
+  settled_ = written_;
+  outcomes_.push_back({written_, true, std::string()});
   return written_;
 }
 
@@ -435,56 +323,60 @@ std::vector<EventLog::Outcome> EventLog::takeOutcomes() {
   return out;
 }
 
-int EventLog::syncDoneFd() const { return syncer_ ? syncer_->doneFd() : -1; }
-
-// Group: hands what is written to the sync thread, unless a sync runs (the writes then wait for
-// the next one) or nothing waits. Posters answered by the last sync are expected back: the sync
-// is held for them (as long as a sync took, at most 2 ms), on top of what already waits when the
-// start follows a sync. `now`: no holding.
-void EventLog::startSync(bool now, bool afterSync) {
-  if (syncing_ || written_ == settled_) return;
-  syncing_ = true;
-  syncer_->start(fd_.get(), now ? 0 : lastCovered_, afterSync, now ? 0 : std::min<long long>(lastSyncUs_, 2000));
+long long EventLog::usUntilSyncDue() const {
+  if (policy_ == SyncPolicy::Group) {
+    if (written_ == settled_) return -1;
+    if (unsynced_ >= lastCovered_ || batch_.size() >= kMaxHeldBytes) return 0;
+    const long long hold = std::min<long long>(lastSyncUs_, kMaxHoldUs);
+    return std::max<long long>(0, firstUnsyncedUs_ + hold - nowUs());
+  }
+  if (!dirty_) return -1;
+  return std::max<long long>(0, (lastSyncMs_ + intervalMs_ - nowMs()) * 1000);
 }
 
-void EventLog::settle(const SyncResult& r) {
-  syncing_ = false;
+void EventLog::syncIfDue() {
+  if (usUntilSyncDue() == 0) sync();
+}
+
+// Group: writes what was held, in one write, and syncs it; the outcome settles every mark handed
+// out so far.
+void EventLog::groupSync() {
+  if (written_ == settled_) return;
+  const long long t0 = nowUs();
+  std::string why;
+  batchEvents_ = heldEvents_;
+  heldEvents_ = 0;
+  try {
+    writeBatch();
+    if (io_.fdatasync(fd_.get()) != 0) why = "cannot sync the event log " + path_ + ": " + errText();
+  } catch (const LogError& e) {
+    batch_.clear();
+    batchEvents_ = 0;
+    why = e.what();
+  }
+  const long long took = nowUs() - t0;
   lastSyncMs_ = nowMs();
-  if (r.error == 0) {
-    settled_ = r.mark;
-    durableSize_ = r.size;
-    durableEvents_ = r.events;
-    lastCovered_ = r.count;
-    lastSyncUs_ = r.micros;
+  if (why.empty()) {
+    settled_ = written_;
+    durableSize_ = size_;
+    durableEvents_ = events_;
+    lastCovered_ = unsynced_;
+    lastSyncUs_ = took;
+    syncMicros_ += took;
     ++syncs_;
-    syncedEvents_ += r.count;
-    outcomes_.push_back({settled_, true});
+    syncedEvents_ += unsynced_;
+    outcomes_.push_back({settled_, true, std::string()});
   } else {
-    // What the sync was to cover may be lost whatever the file says now, and what was written
-    // after it lies behind it: all of it is taken back and answered as failed.
+    // What the sync was to cover may be lost whatever the file says now: all of it is taken
+    // back and answered as failed.
     takeBack(durableSize_);
     size_ = durableSize_;
     events_ = durableEvents_;
     settled_ = written_;
     lastCovered_ = 0;
-    syncer_->forget();
-    outcomes_.push_back({settled_, false});
+    outcomes_.push_back({settled_, false, why});
   }
-  startSync(false, true);
-}
-
-void EventLog::absorb() {
-  SyncResult r;
-  if (syncing_ && syncer_->finished(&r)) settle(r);
-}
-
-void EventLog::waitIdle() {
-  while (syncing_) {
-    syncer_->hurry();
-    SyncResult r;
-    syncer_->waitFinished(&r);
-    settle(r);
-  }
+  unsynced_ = 0;
 }
 
 // Interval: one fdatasync in this thread.
@@ -499,28 +391,13 @@ void EventLog::syncNow() {
 }
 
 void EventLog::sync() {
-  if (policy_ == SyncPolicy::Group) {
-    startSync(true);
-    waitIdle();
-    return;
-  }
+  if (policy_ == SyncPolicy::Group) return groupSync();
   if (dirty_) syncNow();
-}
-
-int EventLog::msUntilSyncDue() const {
-  if (policy_ == SyncPolicy::Group || !dirty_) return -1;
-  long long left = lastSyncMs_ + intervalMs_ - nowMs();
-  return left > 0 ? static_cast<int>(left) : 0;
 }
 
 void EventLog::rotate() {
   // Whatever the old file holds is synced before it leaves the name readers follow.
-  if (policy_ == SyncPolicy::Group) {
-    startSync(true);
-    waitIdle();
-  } else if (dirty_) {
-    syncNow();
-  }
+  if (policy_ == SyncPolicy::Interval && dirty_) syncNow();
   std::string fresh = path_ + ".new";
   unlink(fresh.c_str());
   OslFd next(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640));

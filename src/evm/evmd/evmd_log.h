@@ -3,23 +3,25 @@
 
 // The daemon's event log: accepted events appended as a plain stream of blocks, the form that
 // EvmEventReadFD and _evmGetNextBlockOffset walk. Events are gathered per round of the daemon's
-// loop and go to the file in one write; each write that added bytes gets the next number, its
-// mark, and the server holds a round's answers until the log says their mark is settled.
+// loop; each round that added events gets the next number, its mark, and the server holds a
+// round's answers until the log says their mark is settled.
 //
-// Durability. SyncPolicy::Group (the default) acknowledges only what is synced: a sync thread
-// runs fdatasync while the loop goes on writing; a sync covers every write made before it began,
-// and when it ends the next one starts if writes came meanwhile. So one fdatasync covers every
-// poster that waited during the previous one, and none waits for a sync of its own. The thread
-// may hold a sync briefly (no longer than the last sync took, at most 2 ms) until the posters the
-// last sync answered have posted again, so that waiting posters stay in one group.
+// Durability. SyncPolicy::Group (the default) acknowledges only what is synced. Committed events
+// are held in memory until a sync is due, then written in one write and synced with one fdatasync
+// in the caller's thread; the sync settles every mark handed out before it. A sync is due at once
+// when as many events wait as the last sync covered (the posters it answered are back), otherwise
+// once the first waiting event has waited as long as the last sync took (at most 2 ms), or when
+// 1 MiB waits. So one fdatasync covers every poster that is waiting, and the file holds only what
+// was synced, or is being synced. While a sync runs nothing else is read: what arrives meanwhile
+// waits in the sockets and shares the next one.
 // SyncPolicy::Interval settles a mark as soon as it is written and syncs at most every
 // `intervalMs` and at close: an acknowledged event survives the daemon's death but not a crash of
 // the machine inside the interval. A failed write fails its own batch (its bytes are taken back);
 // a failed sync fails every write it was to cover and those after it, all taken back, so that the
 // file holds only what was, or will be, acknowledged.
 //
-// Rotation. When a write would take the file past `maxBytes`, everything in it is synced first,
-// then events.log.(keep-1) ... events.log.1 move up by one (the oldest falls off), events.log
+// Rotation. When a write would take the file past `maxBytes`, everything in it is synced first
+// (under Group it already is), then events.log.(keep-1) ... events.log.1 move up by one (the oldest falls off), events.log
 // becomes events.log.1, and a new events.log, made and synced beside under another name, takes its
 // place; the directory is synced. A batch is never split: each event lies whole in one file.
 //
@@ -32,7 +34,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -54,8 +55,7 @@ struct LogLimits {
 };
 
 // The two calls through which the log's bytes reach the disk, apart so that a test can make
-// them fail or watch them. The default passes them to the system. Under SyncPolicy::Group,
-// fdatasync is called from the log's sync thread, write from the thread that commits.
+// them fail or watch them. The default passes them to the system.
 class LogIo {
  public:
   virtual ~LogIo() = default;
@@ -70,6 +70,7 @@ class EventLog {
   struct Outcome {
     std::uint64_t through;
     bool ok;
+    std::string why;  // what went wrong, when not ok
   };
 
   // Opens (creating it and its directory) the log at `path`, and repairs it as said above.
@@ -83,44 +84,33 @@ class EventLog {
   // Queues one block for the next commit.
   void add(const void* block, std::size_t size);
   bool pending() const { return !batch_.empty(); }
-  // Writes the queued blocks (rotating first if they would take the file past its limit) and
-  // returns the mark their acknowledgements wait for: a new mark, or the last one when nothing was
-  // queued. Throws LogError when the rotation or the write fails; the batch is then taken back.
+  // Ends a batch of queued blocks and returns the mark their acknowledgements wait for: a new
+  // mark, or the last one when nothing was queued. Interval: writes them (rotating first if they
+  // would take the file past its limit) and throws LogError, with the batch taken back, when that
+  // fails. Group: holds them for the next sync, and never throws.
   std::uint64_t commit();
-  // The last mark written.
+  // The last mark handed out.
   std::uint64_t written() const { return written_; }
   // What was settled since the last call, in order of marks.
   std::vector<Outcome> takeOutcomes();
-  // Group: a descriptor that becomes readable when a sync ends; absorb() then takes its result.
-  // -1 under Interval.
-  int syncDoneFd() const;
-  void absorb();
-  // Syncs everything written so far, and waits for it. Throws LogError under Interval when the
-  // sync fails; under Group the failure is an outcome.
+  // Syncs everything committed so far. Throws LogError under Interval when the sync fails; under
+  // Group a failure (of the write or the sync) is an outcome.
   void sync();
-  // Interval: milliseconds until a sync is due, or -1 when nothing waits for one. Group: -1.
-  int msUntilSyncDue() const;
+  // Microseconds until a sync is due, 0 when it is due now, -1 when nothing waits for one.
+  long long usUntilSyncDue() const;
+  void syncIfDue();
 
   const std::string& path() const { return path_; }
   std::uint64_t events() const { return events_; }
-  // Group: the syncs that succeeded, and the events they covered.
+  // Group: the syncs that succeeded, the events they covered, and the time they took.
   std::uint64_t syncs() const { return syncs_; }
   std::uint64_t syncedEvents() const { return syncedEvents_; }
+  long long syncMicros() const { return syncMicros_; }
   // What the repair at open did: bytes taken out of the log, and the files they went to.
   std::uint64_t removedBytes() const { return removed_; }
   const std::vector<std::string>& damagedFiles() const { return damagedFiles_; }
 
  private:
-  class Syncer;
-  // What one sync covered, and how it went.
-  struct SyncResult {
-    std::uint64_t mark = 0;
-    off_t size = 0;
-    std::uint64_t events = 0;  // the log's count of events after the covered writes
-    std::uint64_t count = 0;   // events the sync covered
-    long long micros = 0;      // the fdatasync's own time
-    int error = 0;
-  };
   struct Span {
     off_t begin, end;
   };
@@ -133,9 +123,8 @@ class EventLog {
   void writeAll(int fd, const unsigned char* p, std::size_t n);
   void copySpan(const Span& s, int out);
   void rotate();
-  void startSync(bool now, bool afterSync = false);
-  void settle(const SyncResult& r);
-  void waitIdle();
+  void groupSync();
+  void writeBatch();
   void syncNow();
 
   std::string path_;
@@ -153,16 +142,18 @@ class EventLog {
   std::uint64_t written_ = 0;   // marks handed out
   std::uint64_t settled_ = 0;   // marks whose outcome is known
   std::vector<Outcome> outcomes_;
-  // Group: whether a sync is in flight, and what the last one covered and took.
-  bool syncing_ = false;
+  // Group: events committed and not yet synced, since when, and what the last sync covered and took.
+  std::uint64_t unsynced_ = 0;
+  std::size_t heldEvents_ = 0;  // events in batch_ from commits not yet written
+  long long firstUnsyncedUs_ = 0;
   std::uint64_t lastCovered_ = 0;
   std::uint64_t syncs_ = 0, syncedEvents_ = 0;
   long long lastSyncUs_ = 0;
+  long long syncMicros_ = 0;
   off_t durableSize_ = 0;  // the file's length covered by the last good sync
   std::uint64_t durableEvents_ = 0;
   std::uint64_t removed_ = 0;
   std::vector<std::string> damagedFiles_;
-  std::unique_ptr<Syncer> syncer_;  // after fd_: it ends before the file closes
 };
 
 }  // namespace evmd

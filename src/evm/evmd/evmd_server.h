@@ -2,12 +2,12 @@
 #define EVM_EVMD_EVMD_SERVER_H
 
 // The event daemon's server: one thread, one epoll loop over the listening sockets, the clients,
-// a signalfd, a stop eventfd and the log's sync-done eventfd. Each round reads what the ready
-// clients sent and hands it to their sessions (evmd_session.h), and writes the round's accepted
-// events to the log. What the round owes each client (answers, and events for listeners) waits,
-// in order, until the log settles the round's mark: under group commit, until a finished sync
-// covers it, while later rounds go on being read and written. A round whose events could not be
-// written or synced answers its posts as failed, and its events reach no listener.
+// a signalfd and a stop eventfd. Each round reads what the ready clients sent and hands it to
+// their sessions (evmd_session.h), commits the round's accepted events to the log, and syncs the
+// log when a sync is due; the loop's wait ends when a held sync falls due. What the round owes
+// each client (answers, and events for listeners) waits, in order, until the log settles the
+// round's mark: under group commit, until a finished sync covers it. A round whose events could
+// not be written or synced answers its posts as failed, and its events reach no listener.
 //
 // Listeners get each accepted event that matches their filter (all, until they name one) as a
 // notify head and the block. A listener's queue of unsent events is bounded: an event that does
