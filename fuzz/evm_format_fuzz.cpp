@@ -1,6 +1,7 @@
 // Fuzz target: event formatting. The input holds a message, a template and a string value,
 // separated by NUL bytes; what follows the third NUL is taken as an event block. Every output
-// must stay inside its buffer, terminated, whatever the texts and the event hold.
+// must stay inside its buffer, terminated, whatever the texts and the event hold, and a template
+// read once must give what the template gives.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -28,7 +29,16 @@ void checkBuffer(const char* buf, EvmSize_t size) {
 void formatAll(EvmEvent_t ev, const std::string& templ, FILE* sink) {
   static const EvmSize_t sizes[] = {1, 2, 7, 64, 1024, 8192};
   static char buf[8192 + 1];
+  static char again[8192 + 1];
+  EvmTemplate_t compiled = nullptr;
+  if (_evmTemplateCompile(templ.c_str(), &compiled) != EvmERROR_NONE) std::abort();
   for (EvmSize_t size : sizes) {
+    // A template read once gives what the template gives.
+    std::memset(again, 'z', sizeof again);
+    std::memset(buf, 'z', sizeof buf);
+    _evmTemplateFormat(again, size, compiled, ev);
+    EvmEventFormatFromTemplate(buf, size, templ.c_str(), ev);
+    if (std::memcmp(buf, again, sizeof buf) != 0) std::abort();
     std::memset(buf, 'z', sizeof buf);
     buf[size] = '\x7f';  // a guard behind the buffer
     EvmEventFormat(buf, size, ev);
@@ -41,6 +51,7 @@ void formatAll(EvmEvent_t ev, const std::string& templ, FILE* sink) {
     checkBuffer(buf, size);
     if (buf[size] != '\x7f') std::abort();
   }
+  _evmTemplateFree(compiled);
   char zero = 'z';
   if (EvmEventFormat(&zero, 0, ev) != EvmERROR_INVALID_VALUE || zero != 'z') std::abort();
   EvmEventDump(ev, sink);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -258,7 +259,12 @@ inline void json(std::string* out, EvmEvent_t ev, const std::string& message) {
 // Renders events as one of the outputs; keeps its buffers from one event to the next.
 class Renderer {
  public:
-  explicit Renderer(Output output) : output_(std::move(output)) {}
+  explicit Renderer(Output output) : output_(std::move(output)) {
+    // A template is read once, not once an event.
+    EvmTemplate_t t = nullptr;
+    if (output_.mode == Mode::Template && _evmTemplateCompile(output_.templ.c_str(), &t) == EvmERROR_NONE)
+      templ_.reset(t);
+  }
 
   // The event's text with its line end, appended to `out`.
   void render(EvmEvent_t ev, std::string* out) {
@@ -278,7 +284,9 @@ class Renderer {
     if (buffer_.size() < want) buffer_.resize(want);
     EvmSize_t size = static_cast<EvmSize_t>(buffer_.size());
     buffer_[0] = '\0';
-    if (output_.mode == Mode::Template)
+    if (output_.mode == Mode::Template && templ_)
+      _evmTemplateFormat(buffer_.data(), size, templ_.get(), ev);
+    else if (output_.mode == Mode::Template)
       EvmEventFormatFromTemplate(buffer_.data(), size, output_.templ.c_str(), ev);
     else
       EvmEventFormat(buffer_.data(), size, ev);
@@ -291,7 +299,11 @@ class Renderer {
   }
 
  private:
+  struct FreeTemplate {
+    void operator()(EvmTemplate_t t) const { _evmTemplateFree(t); }
+  };
   Output output_;
+  std::unique_ptr<EvmTemplate_s, FreeTemplate> templ_;
   std::vector<char> buffer_;
 };
 

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
+#include <string>
 #include <vector>
 
 #include "evm/libevm/evm_check.h"
@@ -143,9 +145,9 @@ EvmSize_t putItemPlaceholder(char* buffer, EvmSize_t size, EvmSize_t position, c
   return _PutStringPadded(buffer, size, position, name, width > 0 ? width - 1 : 0);
 }
 
-EvmSize_t _FormatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmEvent_t event, const char* name,
-                         const char* absent, int width) {
-  const ItemInfo_s* info = itemByName(name);
+// The item `info` (itemByName of `name`) as a message or template shows it.
+EvmSize_t formatItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmEvent_t event, const ItemInfo_s* info,
+                     const char* name, const char* absent, int width) {
   if (info == nullptr || info->format_ok == EvmFALSE) return putItemPlaceholder(buffer, size, position, name, width);
   // Read in place: the text is copied into the output at once, so the item's own copy would
   // only cost an allocation.
@@ -157,6 +159,11 @@ EvmSize_t _FormatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmE
   }
   if (absent != nullptr) return _PutStringPadded(buffer, size, position, absent, width);
   return putItemPlaceholder(buffer, size, position, name, width);
+}
+
+EvmSize_t _FormatDataItem(char* buffer, EvmSize_t size, EvmSize_t position, EvmEvent_t event, const char* name,
+                         const char* absent, int width) {
+  return formatItem(buffer, size, position, event, itemByName(name), name, absent, width);
 }
 
 EvmSize_t _InsertRepeatCountString(char* buffer, EvmSize_t size, EvmEvent_t event) {
@@ -498,6 +505,129 @@ EvmStatus_t EvmEventFormatAsDefault(char* buffer, EvmSize_t size, EvmEvent_t eve
   return EvmERROR_NONE;
 }
 
+namespace {
+
+// One piece of a template: a character to print, the whole message (@@), an item, a variable.
+struct TemplatePart {
+  enum Kind { Char, Message, Item, Var } kind = Char;
+  char c = 0;                        // Char: already made printable
+  const ItemInfo_s* info = nullptr;  // Item: the row of the name, if there is one
+  const char* name = nullptr;        // Item, Var: the name, terminated
+  int width = 0;
+};
+
+// Reads `templ` part by part and hands each to `take`, which says whether to go on. The names it
+// hands out live in `name` (room for the whole template) until the next part.
+template <class Take>
+void walkTemplate(const char* templ, std::size_t len, char* name, Take&& take) {
+  for (std::size_t i = 0; i < len;) {
+    TemplatePart part;
+    char c = templ[i];
+    if (c == '\\') {
+      part.c = i + 1 >= len ? '\\' : templ[i + 1] == 't' ? '\t' : templ[i + 1] == 'n' ? '\n' : templ[i + 1];
+      i += i + 1 >= len ? 1 : 2;
+    } else if (c == '@' && templ[i + 1] == '@') {
+      part.kind = TemplatePart::Message;
+      i += 2;
+    } else if (c == '$' || c == '@') {
+      Placeholder ph = readPlaceholder(templ, i, true);
+      if (ph.nameEnd == ph.nameBegin) {
+        part.c = c;
+        ++i;
+      } else {
+        std::memcpy(name, templ + ph.nameBegin, ph.nameEnd - ph.nameBegin);
+        name[ph.nameEnd - ph.nameBegin] = '\0';
+        part.kind = c == '@' ? TemplatePart::Item : TemplatePart::Var;
+        part.name = name;
+        part.width = ph.width;
+        if (c == '@') part.info = itemByName(name);
+        i = ph.next;
+      }
+    } else {
+      part.c = _MakeCharPrintable(c);
+      ++i;
+    }
+    if (!take(part)) return;
+  }
+}
+
+// Prints one part of a template at `pos`.
+EvmSize_t formatPart(char* buffer, EvmSize_t size, EvmSize_t pos, EvmEvent_t event, const TemplatePart& part) {
+  switch (part.kind) {
+    case TemplatePart::Char:
+      return _PutChar(buffer, size, pos, part.c);
+    case TemplatePart::Message:
+      if (pos + 1 < size) {
+        EvmEventFormat(buffer + pos, size - pos, event);
+        pos += static_cast<EvmSize_t>(std::strlen(buffer + pos));
+      }
+      return pos;
+    case TemplatePart::Item:
+      return formatItem(buffer, size, pos, event, part.info, part.name, "-", part.width);
+    case TemplatePart::Var: {
+      char text[kFieldText];
+      varText(event, part.name, text);
+      return _PutStringPadded(buffer, size, pos, text, part.width);
+    }
+  }
+  return pos;
+}
+
+}  // namespace
+
+// A template read once: its parts, and runs of characters joined into one text.
+struct EvmTemplate_s {
+  struct Piece {
+    TemplatePart part;
+    std::string text;  // Char: the run of characters; Item, Var: the name
+  };
+  std::vector<Piece> pieces;
+};
+
+EvmStatus_t _evmTemplateCompile(const char* templ, EvmTemplate_t* compiled) {
+  if (templ == nullptr || compiled == nullptr) return EvmERROR_INVALID_ARGUMENT;
+  std::size_t len = std::strlen(templ);
+  auto* t = new (std::nothrow) EvmTemplate_s;
+  if (t == nullptr) return EvmERROR_NO_MEMORY;
+  try {
+    std::vector<char> name(len + 1);
+    walkTemplate(templ, len, name.data(), [t](const TemplatePart& part) {
+      if (part.kind == TemplatePart::Char && !t->pieces.empty() && t->pieces.back().part.kind == TemplatePart::Char) {
+        t->pieces.back().text.push_back(part.c);
+        return true;
+      }
+      EvmTemplate_s::Piece piece{part, part.kind == TemplatePart::Char ? std::string(1, part.c)
+                                       : part.name != nullptr          ? std::string(part.name)
+                                                                        : std::string()};
+      t->pieces.push_back(std::move(piece));
+      return true;
+    });
+    for (auto& piece : t->pieces) piece.part.name = piece.text.c_str();
+  } catch (const std::bad_alloc&) {
+    delete t;
+    return EvmERROR_NO_MEMORY;
+  }
+  *compiled = t;
+  return EvmERROR_NONE;
+}
+
+void _evmTemplateFree(EvmTemplate_t compiled) { delete compiled; }
+
+EvmStatus_t _evmTemplateFormat(char* buffer, EvmSize_t size, EvmTemplate_t compiled, EvmEvent_t event) {
+  if (size == 0) return EvmERROR_INVALID_VALUE;
+  if (buffer == nullptr || compiled == nullptr || badEvent(event)) return EvmERROR_INVALID_ARGUMENT;
+  buffer[0] = '\0';
+  if (size == 1) return EvmERROR_NONE;
+  EvmSize_t pos = 0;
+  for (const auto& piece : compiled->pieces) {
+    if (pos >= size) break;
+    // A run of characters is what a _PutChar per character would give.
+    pos = piece.part.kind == TemplatePart::Char ? putBytes(buffer, size, pos, piece.text.data(), piece.text.size())
+                                                : formatPart(buffer, size, pos, event, piece.part);
+  }
+  return EvmERROR_NONE;
+}
+
 EvmStatus_t EvmEventFormatFromTemplate(char* buffer, EvmSize_t size, const char* templ, EvmEvent_t event) {
   if (size == 0) return EvmERROR_INVALID_VALUE;
   if (buffer == nullptr || templ == nullptr || badEvent(event))
@@ -507,50 +637,11 @@ EvmStatus_t EvmEventFormatFromTemplate(char* buffer, EvmSize_t size, const char*
   std::size_t len = std::strlen(templ);
   char* name = static_cast<char*>(std::malloc(len + 1));
   if (name == nullptr) return EvmERROR_NO_MEMORY;
-  char text[kFieldText];
   EvmSize_t pos = 0;
-  for (std::size_t i = 0; i < len && pos < size;) {
-    char c = templ[i];
-    if (c == '\\') {
-      if (i + 1 >= len) {
-        pos = _PutChar(buffer, size, pos, '\\');
-        ++i;
-      } else {
-        char n = templ[i + 1];
-        pos = _PutChar(buffer, size, pos, n == 't' ? '\t' : n == 'n' ? '\n' : n);
-        i += 2;
-      }
-      continue;
-    }
-    if (c == '@' && templ[i + 1] == '@') {
-      if (pos + 1 < size) {
-        EvmEventFormat(buffer + pos, size - pos, event);
-        pos += static_cast<EvmSize_t>(std::strlen(buffer + pos));
-      }
-      i += 2;
-      continue;
-    }
-    if (c == '$' || c == '@') {
-      Placeholder ph = readPlaceholder(templ, i, true);
-      if (ph.nameEnd == ph.nameBegin) {
-        pos = _PutChar(buffer, size, pos, c);
-        ++i;
-        continue;
-      }
-      std::memcpy(name, templ + ph.nameBegin, ph.nameEnd - ph.nameBegin);
-      name[ph.nameEnd - ph.nameBegin] = '\0';
-      if (c == '@') {
-        pos = _FormatDataItem(buffer, size, pos, event, name, "-", ph.width);
-      } else {
-        varText(event, name, text);
-        pos = _PutStringPadded(buffer, size, pos, text, ph.width);
-      }
-      i = ph.next;
-      continue;
-    }
-    pos = _PutChar(buffer, size, pos, _MakeCharPrintable(c));
-    ++i;
-  }
+  walkTemplate(templ, len, name, [&](const TemplatePart& part) {
+    pos = formatPart(buffer, size, pos, event, part);
+    return pos < size;
+  });
   std::free(name);
   return EvmERROR_NONE;
 }

@@ -58,6 +58,13 @@ EvmStatus_t EvmItemIdFromName(const char* name, EvmItemId_t* id);
 
 // ---- Inner ----
 
+// A template read once, for a caller that formats many events by it: _evmTemplateFormat gives
+// the same text as EvmEventFormatFromTemplate with that template, without reading it again.
+typedef struct EvmTemplate_s* EvmTemplate_t;
+EvmStatus_t _evmTemplateCompile(const char* templ, EvmTemplate_t* compiled);
+EvmStatus_t _evmTemplateFormat(char* buffer, EvmSize_t size, EvmTemplate_t compiled, EvmEvent_t event);
+void _evmTemplateFree(EvmTemplate_t compiled);
+
 // The text of a DefStrings row; "" for no such row.
 const char* _GetString(int msgid);
 // Printing characters stand; other space-class characters become a blank, anything else '#'.

@@ -36,9 +36,15 @@ class EvmFormatTest : public ::testing::Test {
     EXPECT_EQ(EvmEventFormatOpt(&buf[0], size, e_, options), EvmERROR_NONE);
     return buf.c_str();
   }
+  // The template's text; the same template read once must give the same bytes.
   std::string templ(const char* t, EvmSize_t size = 1024) {
-    std::string buf(size, 'x');
+    std::string buf(size, 'x'), again(size, 'x');
     EXPECT_EQ(EvmEventFormatFromTemplate(&buf[0], size, t, e_), EvmERROR_NONE);
+    EvmTemplate_t compiled = nullptr;
+    EXPECT_EQ(_evmTemplateCompile(t, &compiled), EvmERROR_NONE);
+    EXPECT_EQ(_evmTemplateFormat(&again[0], size, compiled, e_), EvmERROR_NONE);
+    _evmTemplateFree(compiled);
+    EXPECT_EQ(again, buf) << "read once, the template " << t << " gave other bytes";
     return buf.c_str();
   }
   std::string var(const char* name, EvmBoolean_t translate = EvmTRUE, EvmStatus_t want = EvmERROR_NONE) {
