@@ -1,6 +1,7 @@
 // Validation and checksum of events.
 #include "evm/libevm/evm_check.h"
 
+#include <array>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -106,16 +107,38 @@ EvmStatus_t _evmVarNameCheck(const char* name) {
   return EvmERROR_NONE;
 }
 
+namespace {
+// What a byte can be in a name: a name character of every locale, the separator, a wildcard, a
+// byte the locale must class, or nothing a name may hold. Read once per byte of every event
+// name a reader checks, so a table rather than a chain of comparisons.
+enum NameByte : unsigned char { kBad, kNameChar, kDot, kWild, kLocale };
+constexpr std::array<unsigned char, 256> kNameBytes = [] {
+  std::array<unsigned char, 256> t{};
+  for (int u = 0; u < 256; ++u) {
+    if ((u >= '0' && u <= '9') || (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || u == '_')
+      t[u] = kNameChar;
+    else if (u == '.')
+      t[u] = kDot;
+    else if (u == '*' || u == '?')
+      t[u] = kWild;
+    else if (u >= 0x80)
+      t[u] = kLocale;
+  }
+  return t;
+}();
+}  // namespace
+
 EvmStatus_t _evmStringCheck(const char* name, EvmUint32_t* components, EvmBoolean_t wildcards) {
   EvmUint32_t count = 0;
   EvmStatus_t st = EvmERROR_NONE;
   if (name == nullptr) {
     st = EvmERROR_INVALID_ARGUMENT;
   } else {
-    std::size_t len = 0;
+    std::size_t len = 0;  // of the current component
     for (const char* p = name; *p; ++p) {
-      char c = *p;
-      if (c == '.') {
+      const unsigned char u = static_cast<unsigned char>(*p);
+      const unsigned char kind = kNameBytes[u];
+      if (kind == kDot) {
         if (len == 0) {
           st = EvmERROR_INVALID_ARGUMENT;
           break;
@@ -123,9 +146,9 @@ EvmStatus_t _evmStringCheck(const char* name, EvmUint32_t* components, EvmBoolea
         len = 0;
         continue;
       }
-      if (!nameChar(c)) {
+      if (kind != kNameChar && !(kind == kLocale && std::isalnum(u) != 0)) {
         // A wildcard is a component of its own.
-        bool wild = wildcards == EvmTRUE && (c == '*' || c == '?') && (p == name || p[-1] == '.') &&
+        bool wild = wildcards == EvmTRUE && kind == kWild && (p == name || p[-1] == '.') &&
                     (p[1] == '.' || p[1] == '\0');
         if (!wild) {
           st = EvmERROR_INVALID_ARGUMENT;
@@ -135,7 +158,8 @@ EvmStatus_t _evmStringCheck(const char* name, EvmUint32_t* components, EvmBoolea
       if (len == 0) ++count;
       ++len;
     }
-    if (st == EvmERROR_NONE && *name != '\0' && name[std::strlen(name) - 1] == '.') st = EvmERROR_INVALID_ARGUMENT;
+    // A name that ends in a dot ends with an empty component.
+    if (st == EvmERROR_NONE && *name != '\0' && len == 0) st = EvmERROR_INVALID_ARGUMENT;
   }
   if (components != nullptr) *components = count;
   return st;
