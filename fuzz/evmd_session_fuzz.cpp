@@ -79,7 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     } catch (const evmd::LogError&) {
       std::abort();
     }
-    log.absorb();
+    log.syncIfDue();
     for (const auto& o : log.takeOutcomes())
       if (!o.ok) std::abort();
   }
