@@ -24,11 +24,7 @@ long long nowUs() {
   return static_cast<long long>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-long long nowMs() {
-  timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+long long nowMs() { return nowUs() / 1000; }
 
 std::string errText() { return std::strerror(errno); }
 
@@ -292,8 +288,8 @@ std::uint64_t EventLog::commit() {
   if (policy_ == SyncPolicy::Group) {
     // Held until the sync is due, then written in one go.
     if (unsynced_ == 0) firstUnsyncedUs_ = nowUs();
+    // The queued events stay in batch_; unsynced_ counts them until the sync writes them.
     unsynced_ += batchEvents_;
-    heldEvents_ += batchEvents_;
     batchEvents_ = 0;
     return ++written_;
   }
@@ -344,8 +340,7 @@ void EventLog::groupSync() {
   if (written_ == settled_) return;
   const long long t0 = nowUs();
   std::string why;
-  batchEvents_ = heldEvents_;
-  heldEvents_ = 0;
+  batchEvents_ = static_cast<std::size_t>(unsynced_);
   try {
     writeBatch();
     if (io_.fdatasync(fd_.get()) != 0) why = "cannot sync the event log " + path_ + ": " + errText();
@@ -355,7 +350,6 @@ void EventLog::groupSync() {
     why = e.what();
   }
   const long long took = nowUs() - t0;
-  lastSyncMs_ = nowMs();
   if (why.empty()) {
     settled_ = written_;
     durableSize_ = size_;

@@ -137,14 +137,13 @@ class EventLog {
   std::vector<unsigned char> batch_;
   std::size_t batchEvents_ = 0;
   bool dirty_ = false;  // Interval: written since the last sync
-  long long lastSyncMs_ = 0;
+  long long lastSyncMs_ = 0;  // Interval
   std::uint64_t events_ = 0;
   std::uint64_t written_ = 0;   // marks handed out
   std::uint64_t settled_ = 0;   // marks whose outcome is known
   std::vector<Outcome> outcomes_;
   // Group: events committed and not yet synced, since when, and what the last sync covered and took.
   std::uint64_t unsynced_ = 0;
-  std::size_t heldEvents_ = 0;  // events in batch_ from commits not yet written
   long long firstUnsyncedUs_ = 0;
   std::uint64_t lastCovered_ = 0;
   std::uint64_t syncs_ = 0, syncedEvents_ = 0;
