@@ -19,7 +19,7 @@ namespace {
 // The log's bytes go nowhere: the fuzzer exercises the path, not the disk.
 class NullIo : public evmd::LogIo {
  public:
-  ssize_t write(int, const void*, std::size_t size) override { return static_cast<ssize_t>(size); }
+  ssize_t pwrite(int, const void*, std::size_t size, off_t) override { return static_cast<ssize_t>(size); }
   int fdatasync(int) override { return 0; }
 };
 

@@ -244,6 +244,53 @@ TEST_F(EvmshowTest, FollowingReadsAppendsAndCrossesRotation) {
   EXPECT_EQ(o.err, "");
 }
 
+// Writes `bytes` over the file at `offset`, as the daemon writes over the zeros it made ahead.
+void writeAt(const std::string& path, long offset, const std::string& bytes) {
+  FILE* f = std::fopen(path.c_str(), "r+b");
+  std::fseek(f, offset, SEEK_SET);
+  std::fwrite(bytes.data(), 1, bytes.size(), f);
+  std::fclose(f);
+}
+
+TEST_F(EvmshowTest, ZerosThatEndTheLogAreItsEndAndAFollowerWaitsForWhatIsWrittenOverThem) {
+  const std::string b0 = blocks_[0], b1 = blocks_[1], b2 = blocks_[2];
+  const std::string at = log_ + ": ", zeros(4096, '\0');
+  vyntest::spit(log_, all() + zeros);
+  Outcome o = show({});
+  EXPECT_EQ(o.out + o.err, kLines);
+  EXPECT_EQ(show({"-f", "-"}, all() + zeros).err, "") << "a pipe's zeros are the end too";
+
+  // A block torn inside the zeros is an incomplete event; zeros between events are damage.
+  std::string part = b2.substr(0, 100);
+  vyntest::spit(log_, b0 + b1 + part + zeros);
+  o = show({});
+  EXPECT_EQ(o.out, "Profile r1 deleted by alice\nUnformatted event \"a.b\": n=5 \n");
+  EXPECT_EQ(o.err, "EVM-0062: " + at + "incomplete event at offset " + std::to_string(b0.size() + b1.size()) + " (" +
+                       std::to_string(part.size() + zeros.size()) + " bytes) at the end ignored\n");
+  vyntest::spit(log_, b0 + std::string(64, '\0') + b1 + b2 + zeros + "x");
+  o = show({});
+  EXPECT_EQ(o.out, kLines);
+  EXPECT_EQ(o.err, "EVM-0061: " + at + "damaged data at offset " + std::to_string(b0.size()) +
+                       " (64 bytes) skipped\n"
+                       "EVM-0062: " + at + "incomplete event at offset " + std::to_string(all().size() + 64) +
+                       " (4097 bytes) at the end ignored\n");
+
+  // Following: a block half written over the zeros is waited for, not called damage.
+  vyntest::spit(log_, b0 + zeros);
+  std::string out = home_.work() + "/over.out", err = home_.work() + "/over.err";
+  vyntest::Running r = vyntest::start(
+      "/bin/sh", {"-c", "exec " + vyntest::binary("vyn_evmshow") + " -F -t '@name' > " + out + " 2> " + err},
+      {{"ZEL_VYN_HOME", home_.home()}}, home_.work());
+  EXPECT_EQ(waitForLines(out, 1), "sys.zel.clu.vyn.res.profile.delete\n");
+  writeAt(log_, static_cast<long>(b0.size()), b1.substr(0, 70));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  writeAt(log_, static_cast<long>(b0.size() + 70), b1.substr(70) + b2);
+  EXPECT_EQ(waitForLines(out, 3), "sys.zel.clu.vyn.res.profile.delete\na.b\na.c\n");
+  kill(r.pid(), SIGTERM);
+  r.wait(5000);
+  EXPECT_EQ(vyntest::slurp(err), "");
+}
+
 TEST_F(EvmshowTest, FollowingWaitsForALogThatIsNotThereYet) {
   std::string later = home_.work() + "/later.log", out = home_.work() + "/later.out", err = home_.work() + "/later.err";
   vyntest::Running r = vyntest::start(
@@ -271,6 +318,8 @@ TEST_F(EvmshowTest, ReadsTheLogTheDaemonWrote) {
       ASSERT_EQ(EvmEventPost(nullptr, ev), EvmERROR_NONE);
       EvmEventDestroy(ev);
     }
+    Outcome live = show({"-n", "*.update"});
+    EXPECT_EQ(live.out + live.err, "Profile r9 changed\n") << "the running daemon's log does not read whole";
     EXPECT_EQ(d.stop(), 0);
   }
   Outcome o = show({"-t", "@name @user_name $_name"});

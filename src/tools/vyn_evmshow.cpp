@@ -49,7 +49,9 @@ constexpr std::size_t kControlEnd = EVM_OFF_CONTROL_SIZE + 4;  // enough to judg
 
 // Reads a stream of event blocks through a window of bounded size, one block at a time. Bytes
 // that make no valid block are skipped up to the next valid block and reported once; what is
-// left at the end without making a block is reported as a torn end.
+// left at the end without making a block is reported as a torn end. Zeros that run to the end
+// are the space a running daemon makes ahead of its events: the end of the events, not damage.
+// A block never starts with four zero bytes (its first word is its length).
 class BlockReader {
  public:
   enum Result { kEvent, kEnd, kError };
@@ -57,7 +59,8 @@ class BlockReader {
   BlockReader(OslFd fd, std::string name) : fd_(std::move(fd)), name_(std::move(name)), buf_(kReadChunk) {}
 
   // The next valid event. `final` says that the input will not grow: a block cut short by its
-  // end is then damage; otherwise it may still be coming, and the reader waits at it. `*owned`
+  // end (or by the zeros at its end) is then damage; otherwise it may still be coming, and the
+  // reader waits at it, reading it again from its start next time. `*owned`
   // says whether the caller must destroy the event; one that is not owned lives until the next
   // call.
   Result next(EvmEvent_t* ev, bool* owned, bool final) {
@@ -66,7 +69,7 @@ class BlockReader {
       std::uint32_t size = 0;
       EvmEvent_t found = tryAt(&need, &size, owned);
       if (found != nullptr) {
-        reportDamage(false);
+        reportDamage(false, offset());
         pos_ += size;
         *ev = found;
         return kEvent;
@@ -76,9 +79,14 @@ class BlockReader {
         if (failed_) return kError;
         if (!final) return kEnd;
         if (pos_ == end_) {
-          reportDamage(true);
+          reportDamage(true, offset());
           return kEnd;
         }
+      }
+      if (zeroWordAt(pos_)) {
+        Result r;
+        if (skipZeros(final, &r)) return r;
+        continue;
       }
       // No block starts here: look one byte further.
       if (damageStart_ < 0) damageStart_ = offset();
@@ -148,6 +156,54 @@ class BlockReader {
     return _evmMakeEvent(block);  // takes the block either way
   }
 
+  bool zeroWordAt(std::size_t at) const {
+    return end_ - at >= 4 && buf_[at] == 0 && buf_[at + 1] == 0 && buf_[at + 2] == 0 && buf_[at + 3] == 0;
+  }
+
+  // Passes over the zeros at pos_. Followed by more data they are damage (or part of it), and the
+  // search for a block goes on at the last place one could start. Running to the end they are
+  // the end: `*r` is set and true returned. When the input may still grow, the reader goes back to
+  // where the unfinished bytes began, so that what is written over them is read next time.
+  bool skipZeros(bool final, Result* r) {
+    const long long zerosAt = offset();
+    for (;;) {
+      const unsigned char* from = buf_.data() + pos_;
+      const unsigned char* to = buf_.data() + end_;
+      const unsigned char* nonzero = std::find_if(from, to, [](unsigned char c) { return c != 0; });
+      if (nonzero != to) {
+        // A block may begin up to three bytes before its first nonzero byte.
+        pos_ = std::max(pos_, static_cast<std::size_t>(nonzero - buf_.data()) - 3);
+        if (damageStart_ < 0) damageStart_ = zerosAt;
+        return false;
+      }
+      pos_ = std::max(pos_, end_ - std::min<std::size_t>(end_, 3));
+      if (fill(4)) continue;
+      if (failed_) {
+        *r = kError;
+        return true;
+      }
+      if (std::any_of(buf_.data() + pos_, buf_.data() + end_, [](unsigned char c) { return c != 0; })) {
+        // A few bytes after the zeros: damage, which the end reports.
+        if (damageStart_ < 0) damageStart_ = zerosAt;
+        return false;
+      }
+      *r = kEnd;
+      if (final) {
+        // An event cut short keeps the zeros behind it, as a torn end without them would.
+        pos_ = end_;
+        reportDamage(true, offset());
+        return true;
+      }
+      const long long back = damageStart_ >= 0 ? damageStart_ : zerosAt;
+      if (lseek(fd_.get(), back, SEEK_SET) == back) {
+        base_ = back;
+        pos_ = end_ = 0;
+        damageStart_ = -1;
+      }
+      return true;
+    }
+  }
+
   // Makes `need` bytes from pos_ available; false at the end of the input (for now) or on an
   // error. The window moves forward; it never holds more than one largest block and a chunk.
   bool fill(std::size_t need) {
@@ -172,17 +228,18 @@ class BlockReader {
     return true;
   }
 
-  void reportDamage(bool atEnd) {
-    if (damageStart_ < 0 && !(atEnd && pos_ != end_)) return;
-    long long from = damageStart_ >= 0 ? damageStart_ : offset();
-    long long bytes = offset() - from;
+  // Reports the damage that began at damageStart_ and ends at `upTo`.
+  void reportDamage(bool atEnd, long long upTo) {
+    if (damageStart_ < 0) return;
+    const long long from = damageStart_, bytes = upTo - from;
+    damageStart_ = -1;
+    if (bytes <= 0) return;
     if (atEnd)
       message(evmshow::kMsgTorn, "%s: incomplete event at offset %lld (%lld bytes) at the end ignored",
               name_.c_str(), from, bytes);
     else
       message(evmshow::kMsgDamaged, "%s: damaged data at offset %lld (%lld bytes) skipped", name_.c_str(), from,
               bytes);
-    damageStart_ = -1;
   }
 
   OslFd fd_;

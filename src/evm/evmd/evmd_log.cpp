@@ -55,6 +55,10 @@ constexpr std::size_t kScanChunk = 1 << 20;
 // Group: the longest a sync is held for posters expected back, and the most it holds in memory.
 constexpr long long kMaxHoldUs = 2000;
 constexpr std::size_t kMaxHeldBytes = 1 << 20;
+// Zeros written ahead of the events at a time; more is made when less than half of it is left.
+constexpr off_t kAheadStep = 1 << 20;
+constexpr std::size_t kZeroChunk = 64 * 1024;
+const unsigned char kZeros[kZeroChunk] = {};
 
 // Makes a rename in the log's directory durable.
 void syncDirOf(const std::string& path) {
@@ -64,7 +68,9 @@ void syncDirOf(const std::string& path) {
 
 }  // namespace
 
-ssize_t LogIo::write(int fd, const void* buffer, std::size_t size) { return ::write(fd, buffer, size); }
+ssize_t LogIo::pwrite(int fd, const void* buffer, std::size_t size, off_t offset) {
+  return ::pwrite(fd, buffer, size, offset);
+}
 int LogIo::fdatasync(int fd) { return ::fdatasync(fd); }
 LogIo& LogIo::system() {
   static LogIo io;
@@ -77,7 +83,7 @@ EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, L
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
   // O_NONBLOCK only so that a FIFO put in the log's place can't hang the open; it is refused below.
-  fd_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640));
+  fd_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0640));
   if (!fd_) {
     if (errno == ELOOP) throw LogError("the event log " + path + " is a symbolic link; refusing to follow it");
     throw LogError("cannot open the event log " + path + ": " + errText());
@@ -87,6 +93,7 @@ EventLog::EventLog(const std::string& path, SyncPolicy policy, int intervalMs, L
   if (!S_ISREG(st.st_mode)) throw LogError("the event log " + path + " is not a regular file");
   fcntl(fd_.get(), F_SETFL, fcntl(fd_.get(), F_GETFL) & ~O_NONBLOCK);
   repair();
+  aheadEnd_ = size_;
   durableSize_ = size_;
   durableEvents_ = events_;
   lastSyncMs_ = nowMs();
@@ -103,6 +110,9 @@ EventLog::~EventLog() {
     sync();
   } catch (const LogError&) {
   }
+  // A stopped daemon leaves a plain stream of events.
+  cutSpaceAhead();
+  io_.fdatasync(fd_.get());
 }
 
 // The length of the valid block at `at`, or 0. Valid is what a reader takes: a sound head, the
@@ -146,26 +156,45 @@ off_t EventLog::nextValidBlock(off_t from, off_t size) const {
   return size;
 }
 
-void EventLog::writeAll(int fd, const unsigned char* p, std::size_t n) {
+void EventLog::writeAll(int fd, const unsigned char* p, std::size_t n, off_t at) {
   while (n > 0) {
-    ssize_t w = io_.write(fd, p, n);
+    ssize_t w = io_.pwrite(fd, p, n, at);
     if (w < 0 && errno == EINTR) continue;
     if (w <= 0) throw LogError("cannot write beside the event log " + path_ + ": " + errText());
     p += w;
     n -= static_cast<std::size_t>(w);
+    at += w;
   }
 }
 
-// Copies the log's bytes of `s` to the end of `out`, a chunk at a time.
-void EventLog::copySpan(const Span& s, int out) {
+// Copies the log's bytes of `s` to `out` at `at`, a chunk at a time; returns where they end.
+off_t EventLog::copySpan(const Span& s, int out, off_t at) {
   std::vector<unsigned char> buf;
-  for (off_t at = s.begin; at < s.end;) {
-    std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - at, kScanChunk));
+  for (off_t from = s.begin; from < s.end;) {
+    std::size_t n = static_cast<std::size_t>(std::min<off_t>(s.end - from, kScanChunk));
     buf.resize(n);
-    if (!preadAll(fd_.get(), buf.data(), n, at)) throw LogError("cannot read the event log " + path_);
-    writeAll(out, buf.data(), n);
+    if (!preadAll(fd_.get(), buf.data(), n, from)) throw LogError("cannot read the event log " + path_);
+    writeAll(out, buf.data(), n, at);
+    from += static_cast<off_t>(n);
     at += static_cast<off_t>(n);
   }
+  return at;
+}
+
+// Where the zeros that end the first `size` bytes of the file begin: the space made ahead that no
+// event reached. Events are multiples of 8 bytes, so that space starts on a multiple of 8; zeros
+// before it belong to what precedes them.
+off_t EventLog::trailingZerosFrom(off_t size) const {
+  std::vector<unsigned char> buf;
+  for (off_t end = size; end > 0;) {
+    off_t begin = std::max<off_t>(0, end - static_cast<off_t>(kScanChunk));
+    buf.resize(static_cast<std::size_t>(end - begin));
+    if (!preadAll(fd_.get(), buf.data(), buf.size(), begin)) return size;
+    for (std::size_t i = buf.size(); i > 0; --i)
+      if (buf[i - 1] != 0) return std::min(size, (begin + static_cast<off_t>(i) + 7) / 8 * 8);
+    end = begin;
+  }
+  return 0;
 }
 
 // Copies the damaged bytes to the first free <log>.damaged.<n>: written beside under a
@@ -181,7 +210,7 @@ std::string EventLog::saveDamage(const Span& s) {
   unlink(tmp.c_str());
   OslFd out(open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
   if (!out) throw LogError("cannot save the damaged part of the event log to " + tmp + ": " + errText());
-  copySpan(s, out.get());
+  copySpan(s, out.get(), 0);
   if (io_.fdatasync(out.get()) != 0 || out.close() != 0 || rename(tmp.c_str(), name.c_str()) != 0)
     throw LogError("cannot save the damaged part of the event log to " + name + ": " + errText());
   syncDirOf(name);
@@ -192,13 +221,10 @@ std::string EventLog::saveDamage(const Span& s) {
 void EventLog::rewriteWithout(const std::vector<Span>& keep) {
   std::string tmp = path_ + ".repair";
   unlink(tmp.c_str());
-  OslFd out(open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_APPEND, 0640));
+  OslFd out(open(tmp.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
   if (!out) throw LogError("cannot write the repaired event log " + tmp + ": " + errText());
   off_t total = 0;
-  for (const Span& s : keep) {
-    copySpan(s, out.get());
-    total += s.end - s.begin;
-  }
+  for (const Span& s : keep) total = copySpan(s, out.get(), total);
   if (io_.fdatasync(out.get()) != 0 || rename(tmp.c_str(), path_.c_str()) != 0)
     throw LogError("cannot replace the event log " + path_ + " by its repaired copy: " + errText());
   syncDirOf(path_);
@@ -210,6 +236,9 @@ void EventLog::repair() {
   struct stat st;
   if (fstat(fd_.get(), &st) != 0) throw LogError("cannot stat the event log " + path_ + ": " + errText());
   const off_t size = st.st_size;
+  // Zeros that end the file are space made ahead by a daemon that did not stop (or damage that
+  // left zeros): no event, and nothing to save.
+  const off_t zeros = trailingZerosFrom(size);
   std::vector<Span> keep, damaged;
   off_t at = 0;
   while (at < size) {
@@ -223,18 +252,23 @@ void EventLog::repair() {
       at += n;
       continue;
     }
+    if (at >= zeros) break;
     off_t next = nextValidBlock(at + 1, size);
-    damaged.push_back({at, next});
+    damaged.push_back({at, next == size ? zeros : next});
     at = next;
   }
-  size_ = size;
-  if (damaged.empty()) return;
+  size_ = std::min(at, size);
+  if (damaged.empty()) {
+    if (size_ < size && (ftruncate(fd_.get(), size_) != 0 || io_.fdatasync(fd_.get()) != 0))
+      throw LogError("cannot cut the zeros at the end of the event log " + path_ + ": " + errText());
+    return;
+  }
   // The damaged bytes are safe beside the log before any of them leaves it.
   for (const Span& d : damaged) {
     damagedFiles_.push_back(saveDamage(d));
     removed_ += static_cast<std::uint64_t>(d.end - d.begin);
   }
-  if (damaged.size() == 1 && damaged[0].end == size) {
+  if (damaged.size() == 1 && damaged[0].end == zeros) {
     // Only a torn end: cut it.
     if (ftruncate(fd_.get(), damaged[0].begin) != 0 || io_.fdatasync(fd_.get()) != 0)
       throw LogError("cannot cut the torn end of the event log " + path_ + ": " + errText());
@@ -255,7 +289,36 @@ void EventLog::add(const void* block, std::size_t size) {
 void EventLog::takeBack(off_t size) {
   if (ftruncate(fd_.get(), size) != 0) {
     // The bytes stay; a reader takes them for events that their posters were told failed.
+    return;
   }
+  aheadEnd_ = size;
+}
+
+// Writes zeros ahead of the events when less than half a step is left, up to the length at which
+// the log rotates. Best effort: space that cannot be made is cut back, and asked for again only a
+// step later, so that a full disk costs one try per step.
+void EventLog::makeSpaceAhead() {
+  if (aheadEnd_ - size_ >= kAheadStep / 2 || size_ < aheadRetryAt_) return;
+  off_t limit = limits_.maxBytes > 0 ? static_cast<off_t>(limits_.maxBytes) : size_ + kAheadStep;
+  off_t end = std::min(size_ + kAheadStep, limit);
+  for (off_t at = aheadEnd_; at < end;) {
+    std::size_t n = static_cast<std::size_t>(std::min<off_t>(end - at, static_cast<off_t>(kZeroChunk)));
+    ssize_t w = io_.pwrite(fd_.get(), kZeros, n, at);
+    if (w < 0 && errno == EINTR) continue;
+    if (w <= 0) {
+      if (ftruncate(fd_.get(), aheadEnd_) != 0) end = at;  // what was written is zeros all the same
+      else end = aheadEnd_;
+      aheadRetryAt_ = size_ + kAheadStep;
+      break;
+    }
+    at += w;
+  }
+  aheadEnd_ = std::max(aheadEnd_, end);
+}
+
+// Cuts the zeros ahead off, so that the file holds only events.
+void EventLog::cutSpaceAhead() {
+  if (aheadEnd_ > size_ && ftruncate(fd_.get(), size_) == 0) aheadEnd_ = size_;
 }
 
 // Writes the queued blocks at the end of the file, rotating first if they would take it past its
@@ -268,8 +331,9 @@ void EventLog::writeBatch() {
   if (limits_.maxBytes > 0 && size_ > 0 && static_cast<std::uint64_t>(size_) + batch.size() > limits_.maxBytes) rotate();
   const unsigned char* p = batch.data();
   std::size_t left = batch.size();
+  off_t at = size_;
   while (left > 0) {
-    ssize_t n = io_.write(fd_.get(), p, left);
+    ssize_t n = io_.pwrite(fd_.get(), p, left, at);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       std::string why = n < 0 ? errText() : "nothing written";
@@ -278,9 +342,12 @@ void EventLog::writeBatch() {
     }
     p += n;
     left -= static_cast<std::size_t>(n);
+    at += n;
   }
-  size_ += static_cast<off_t>(batch.size());
+  size_ = at;
+  aheadEnd_ = std::max(aheadEnd_, size_);
   events_ += count;
+  makeSpaceAhead();
 }
 
 std::uint64_t EventLog::commit() {
@@ -390,11 +457,18 @@ void EventLog::sync() {
 }
 
 void EventLog::rotate() {
-  // Whatever the old file holds is synced before it leaves the name readers follow.
-  if (policy_ == SyncPolicy::Interval && dirty_) syncNow();
+  // Whatever the old file holds is synced, and its zeros are cut, before it leaves the name
+  // readers follow.
+  if (aheadEnd_ > size_) {
+    if (ftruncate(fd_.get(), size_) != 0)
+      throw LogError("cannot cut the zeros at the end of the event log " + path_ + ": " + errText());
+    aheadEnd_ = size_;
+    dirty_ = true;
+  }
+  if (dirty_) syncNow();
   std::string fresh = path_ + ".new";
   unlink(fresh.c_str());
-  OslFd next(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0640));
+  OslFd next(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));
   if (!next) throw LogError("cannot make a new event log " + fresh + ": " + errText());
   if (io_.fdatasync(next.get()) != 0) {
     std::string why = errText();
@@ -417,7 +491,7 @@ void EventLog::rotate() {
   }
   syncDirOf(path_);
   fd_ = std::move(next);
-  size_ = durableSize_ = 0;
+  size_ = aheadEnd_ = durableSize_ = aheadRetryAt_ = 0;
 }
 
 }  // namespace evmd

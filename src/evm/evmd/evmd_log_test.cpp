@@ -47,14 +47,14 @@ TEST_F(EventLogTest, AFailedWriteOrSyncFailsEverythingItWasToCoverAndLeavesTheFi
     EXPECT_EQ(l.commit(), 1u);
     l.sync();
     EXPECT_EQ(outcomes(l), "1:ok ");
-    std::string before = evmdtest::slurp(log());
+    std::string before = evmdtest::events(log());
 
     io_.failWrites = true;
     l.add(a.data(), a.size());
     EXPECT_EQ(l.commit(), 2u);
     l.sync();
     EXPECT_EQ(outcomes(l), "2:FAIL ");
-    EXPECT_EQ(evmdtest::slurp(log()), before);
+    EXPECT_EQ(evmdtest::events(log()), before);
 
     io_.failWrites = false;
     io_.failSyncs = true;
@@ -64,7 +64,7 @@ TEST_F(EventLogTest, AFailedWriteOrSyncFailsEverythingItWasToCoverAndLeavesTheFi
     l.commit();
     l.sync();
     EXPECT_EQ(outcomes(l), "4:FAIL ") << "one failed sync fails both rounds it was to cover";
-    EXPECT_EQ(evmdtest::slurp(log()), before) << "writes whose sync failed stay in the file";
+    EXPECT_EQ(evmdtest::events(log()), before) << "writes whose sync failed stay in the file";
 
     io_.failSyncs = false;
     l.add(a.data(), a.size());
@@ -174,7 +174,7 @@ TEST_F(EventLogTest, ARotationThatCannotMakeTheNewLogFailsItsBatchAndMovesNothin
   l.add(a.data(), a.size());
   l.commit();
   l.sync();
-  std::string before = evmdtest::slurp(log());
+  std::string before = evmdtest::events(log());
   // Something in the way of the new log's name.
   ASSERT_EQ(mkdir((log() + ".new").c_str(), 0700), 0);
   l.add(a.data(), a.size());
@@ -184,7 +184,7 @@ TEST_F(EventLogTest, ARotationThatCannotMakeTheNewLogFailsItsBatchAndMovesNothin
   ASSERT_EQ(o.size(), 2u);
   EXPECT_FALSE(o[1].ok);
   EXPECT_NE(o[1].why.find(log() + ".new"), std::string::npos) << o[1].why;
-  EXPECT_EQ(evmdtest::slurp(log()), before);
+  EXPECT_EQ(evmdtest::events(log()), before);
   EXPECT_NE(access((log() + ".1").c_str(), F_OK), 0);
   ASSERT_EQ(rmdir((log() + ".new").c_str()), 0);
   Bytes b = evmdtest::block("sys.zel.test.b");
@@ -280,6 +280,62 @@ TEST_F(EventLogTest, ATornEndIsSavedAndCutAndAWholeLogIsLeftAlone) {
   EXPECT_EQ(l.events(), 2u);
   EXPECT_EQ(evmdtest::slurp(log()), whole.substr(0, at[2]));
   EXPECT_EQ(evmdtest::slurp(log() + ".damaged.1"), whole.substr(at[2], 60));
+}
+
+TEST_F(EventLogTest, EventsAreWrittenOverZerosMadeAheadWhichAreCutAtCloseAndAtOpenAfterACrash) {
+  Bytes a = evmdtest::block("sys.zel.test.a");
+  std::string live;
+  {
+    evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_);
+    for (int i = 0; i < 3; ++i) {
+      l.add(a.data(), a.size());
+      l.commit();
+      l.sync();
+    }
+    live = evmdtest::slurp(log());
+    ASSERT_GT(live.size(), 3 * a.size()) << "no space was made ahead";
+    EXPECT_EQ(live.find_first_not_of('\0', 3 * a.size()), std::string::npos) << "the space ahead is not zeros";
+    EXPECT_EQ(evmdtest::names(log()).size(), 3u) << "a reader does not stop at the zeros";
+  }
+  EXPECT_EQ(evmdtest::slurp(log()), live.substr(0, 3 * a.size())) << "the zeros outlived the close";
+
+  // A daemon that died left its zeros, and a write torn inside them.
+  const std::string torn("\x90\0\0\0\x01\0\0\0torn end", 16);
+  evmdtest::spit(log(), live.substr(0, 3 * a.size()) + torn + std::string(4096, '\0'));
+  {
+    evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_);
+    EXPECT_EQ(l.events(), 3u);
+    ASSERT_EQ(l.damagedFiles().size(), 1u);
+    EXPECT_EQ(evmdtest::slurp(l.damagedFiles()[0]), torn) << "the zeros were saved as damage";
+    EXPECT_EQ(evmdtest::slurp(log()), live.substr(0, 3 * a.size()));
+  }
+  // Only zeros: cut without a word.
+  evmdtest::spit(log(), live);
+  evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_);
+  EXPECT_EQ(l.events(), 3u);
+  EXPECT_EQ(l.removedBytes(), 0u);
+  EXPECT_EQ(evmdtest::slurp(log()), live.substr(0, 3 * a.size()));
+}
+
+TEST_F(EventLogTest, OnAFullDiskTheLogAppendsWithoutSpaceAheadUntilNothingFits) {
+  Bytes a = evmdtest::block("sys.zel.test.a");
+  io_.diskFull = static_cast<off_t>(5 * a.size() + 100);
+  {
+    evmd::EventLog l(log(), evmd::SyncPolicy::Group, 200, io_);
+    for (int i = 0; i < 5; ++i) {
+      l.add(a.data(), a.size());
+      l.commit();
+      l.sync();
+      EXPECT_EQ(outcomes(l), std::to_string(i + 1) + ":ok ") << "event " << i;
+    }
+    EXPECT_EQ(evmdtest::slurp(log()).size(), 5 * a.size()) << "zeros that failed to fit were left";
+    l.add(a.data(), a.size());
+    l.commit();
+    l.sync();
+    EXPECT_EQ(outcomes(l), "6:FAIL ");
+  }
+  EXPECT_EQ(evmdtest::names(log()).size(), 5u);
+  EXPECT_EQ(evmdtest::slurp(log()).size(), 5 * a.size());
 }
 
 }  // namespace

@@ -129,15 +129,16 @@ TEST_F(ServerTest, APostWhoseEventCouldNotBeWrittenOrSyncedIsAnsweredAsAFailure)
   EXPECT_EQ(evmdtest::names(dir_.path() + "/log/evm/events.log").size(), 2u);
 }
 
-// Watches the log's file calls: every byte written, and how much of it a finished sync covers (a
-// sync covers what was written before it began). Each sync takes a while, as a disk's does.
+// Watches the log's file calls: every write, and which of them a finished sync covers (a sync
+// covers what was written before it began). Each sync takes a while, as a disk's does.
 class WatchedIo : public evmd::LogIo {
  public:
-  ssize_t write(int fd, const void* buffer, std::size_t size) override {
-    ssize_t n = evmd::LogIo::write(fd, buffer, size);
+  ssize_t pwrite(int fd, const void* buffer, std::size_t size, off_t offset) override {
+    ssize_t n = evmd::LogIo::pwrite(fd, buffer, size, offset);
     if (n > 0) {
       std::lock_guard<std::mutex> l(m_);
-      stream_.append(static_cast<const char*>(buffer), static_cast<std::size_t>(n));
+      writes_.push_back({static_cast<std::size_t>(offset), std::string(static_cast<const char*>(buffer),
+                                                                       static_cast<std::size_t>(n))});
     }
     return n;
   }
@@ -145,7 +146,7 @@ class WatchedIo : public evmd::LogIo {
     std::size_t covers;
     {
       std::lock_guard<std::mutex> l(m_);
-      covers = stream_.size();
+      covers = writes_.size();
       ++syncs_;
     }
     usleep(2000);
@@ -154,11 +155,17 @@ class WatchedIo : public evmd::LogIo {
     if (r == 0) durable_ = std::max(durable_, covers);
     return r;
   }
-  // Whether the event named `name` lies wholly in what finished syncs cover.
+  // Whether the event named `name` lies wholly in what finished syncs cover: the file as those
+  // writes alone would have made it.
   bool durable(const std::string& name) {
     std::lock_guard<std::mutex> l(m_);
-    std::size_t at = stream_.find(name + '\0');
-    return at != std::string::npos && at + name.size() + 1 <= durable_;
+    std::string image;
+    for (std::size_t i = 0; i < durable_; ++i) {
+      const auto& w = writes_[i];
+      if (image.size() < w.first + w.second.size()) image.resize(w.first + w.second.size());
+      image.replace(w.first, w.second.size(), w.second);
+    }
+    return image.find(name + '\0') != std::string::npos;
   }
   int syncs() {
     std::lock_guard<std::mutex> l(m_);
@@ -167,7 +174,7 @@ class WatchedIo : public evmd::LogIo {
 
  private:
   std::mutex m_;
-  std::string stream_;
+  std::vector<std::pair<std::size_t, std::string>> writes_;
   std::size_t durable_ = 0;
   int syncs_ = 0;
 };

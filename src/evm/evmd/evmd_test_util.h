@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
@@ -48,15 +49,17 @@ inline Bytes block(const std::string& name) {
   return b;
 }
 
-// File calls that fail with `error` once `failWrites` or `failSyncs` is set.
+// File calls that fail once `failWrites` or `failSyncs` is set, and a disk that fills up at
+// `diskFull`.
 class FailingIo : public evmd::LogIo {
  public:
-  ssize_t write(int fd, const void* buffer, std::size_t size) override {
-    if (failWrites) {
+  ssize_t pwrite(int fd, const void* buffer, std::size_t size, off_t offset) override {
+    if (failWrites || (diskFull >= 0 && offset >= diskFull)) {
       errno = ENOSPC;
       return -1;
     }
-    return evmd::LogIo::write(fd, buffer, size);
+    if (diskFull >= 0) size = std::min<std::size_t>(size, static_cast<std::size_t>(diskFull - offset));
+    return evmd::LogIo::pwrite(fd, buffer, size, offset);
   }
   int fdatasync(int fd) override {
     ++syncs;
@@ -69,6 +72,7 @@ class FailingIo : public evmd::LogIo {
   // Set by a test while the log's threads call in.
   std::atomic<bool> failWrites{false};
   std::atomic<bool> failSyncs{false};
+  std::atomic<off_t> diskFull{-1};  // no byte is written at or past this offset
   std::atomic<int> syncs{0};
 };
 
@@ -80,6 +84,16 @@ inline std::string slurp(const std::string& path) {
   ssize_t n;
   while ((n = read(fd, buf, sizeof buf)) > 0) s.append(buf, static_cast<std::size_t>(n));
   close(fd);
+  return s;
+}
+
+// The file's bytes without the zeros a running log makes ahead of its events (from the first
+// multiple of 8 where only zeros follow).
+inline std::string events(const std::string& path) {
+  std::string s = slurp(path);
+  std::size_t end = s.find_last_not_of('\0');
+  end = end == std::string::npos ? 0 : (end + 1 + 7) / 8 * 8;
+  s.resize(std::min(s.size(), end));
   return s;
 }
 
