@@ -69,7 +69,7 @@ class BlockReader {
       std::uint32_t size = 0;
       EvmEvent_t found = tryAt(&need, &size, owned);
       if (found != nullptr) {
-        reportDamage(false, offset());
+        reportDamage(false);
         pos_ += size;
         *ev = found;
         return kEvent;
@@ -79,7 +79,7 @@ class BlockReader {
         if (failed_) return kError;
         if (!final) return kEnd;
         if (pos_ == end_) {
-          reportDamage(true, offset());
+          reportDamage(true);
           return kEnd;
         }
       }
@@ -191,7 +191,7 @@ class BlockReader {
       if (final) {
         // An event cut short keeps the zeros behind it, as a torn end without them would.
         pos_ = end_;
-        reportDamage(true, offset());
+        reportDamage(true);
         return true;
       }
       const long long back = damageStart_ >= 0 ? damageStart_ : zerosAt;
@@ -228,10 +228,10 @@ class BlockReader {
     return true;
   }
 
-  // Reports the damage that began at damageStart_ and ends at `upTo`.
-  void reportDamage(bool atEnd, long long upTo) {
+  // Reports the damage that began at damageStart_ and ends where the reader stands.
+  void reportDamage(bool atEnd) {
     if (damageStart_ < 0) return;
-    const long long from = damageStart_, bytes = upTo - from;
+    const long long from = damageStart_, bytes = offset() - from;
     damageStart_ = -1;
     if (bytes <= 0) return;
     if (atEnd)

@@ -110,9 +110,11 @@ EventLog::~EventLog() {
     sync();
   } catch (const LogError&) {
   }
-  // A stopped daemon leaves a plain stream of events.
-  cutSpaceAhead();
-  io_.fdatasync(fd_.get());
+  // A stopped daemon leaves a plain stream of events (readers stop at zeros left behind).
+  try {
+    if (cutSpaceAhead()) io_.fdatasync(fd_.get());
+  } catch (const LogError&) {
+  }
 }
 
 // The length of the valid block at `at`, or 0. Valid is what a reader takes: a sound head, the
@@ -316,9 +318,13 @@ void EventLog::makeSpaceAhead() {
   aheadEnd_ = std::max(aheadEnd_, end);
 }
 
-// Cuts the zeros ahead off, so that the file holds only events.
-void EventLog::cutSpaceAhead() {
-  if (aheadEnd_ > size_ && ftruncate(fd_.get(), size_) == 0) aheadEnd_ = size_;
+// Cuts the zeros ahead off, so that the file holds only events; whether it cut any.
+bool EventLog::cutSpaceAhead() {
+  if (aheadEnd_ == size_) return false;
+  if (ftruncate(fd_.get(), size_) != 0)
+    throw LogError("cannot cut the zeros at the end of the event log " + path_ + ": " + errText());
+  aheadEnd_ = size_;
+  return true;
 }
 
 // Writes the queued blocks at the end of the file, rotating first if they would take it past its
@@ -459,13 +465,7 @@ void EventLog::sync() {
 void EventLog::rotate() {
   // Whatever the old file holds is synced, and its zeros are cut, before it leaves the name
   // readers follow.
-  if (aheadEnd_ > size_) {
-    if (ftruncate(fd_.get(), size_) != 0)
-      throw LogError("cannot cut the zeros at the end of the event log " + path_ + ": " + errText());
-    aheadEnd_ = size_;
-    dirty_ = true;
-  }
-  if (dirty_) syncNow();
+  if (cutSpaceAhead() || dirty_) syncNow();
   std::string fresh = path_ + ".new";
   unlink(fresh.c_str());
   OslFd next(open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0640));

@@ -133,7 +133,7 @@ class EventLog {
   void writeAll(int fd, const unsigned char* p, std::size_t n, off_t at);
   off_t copySpan(const Span& s, int out, off_t at);
   void makeSpaceAhead();
-  void cutSpaceAhead();
+  bool cutSpaceAhead();
   void rotate();
   void groupSync();
   void writeBatch();
